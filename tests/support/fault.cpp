@@ -1,0 +1,112 @@
+#include "support/fault.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+
+extern "C" {
+void *__real_malloc(size_t size);           // NOLINT(bugprone-reserved-identifier)
+void *__real_calloc(size_t n, size_t size); // NOLINT(bugprone-reserved-identifier)
+void *__real_realloc(void *p, size_t size); // NOLINT(bugprone-reserved-identifier)
+void __real_free(void *p);                  // NOLINT(bugprone-reserved-identifier)
+char *__real_strdup(const char *s);         // NOLINT(bugprone-reserved-identifier)
+}
+
+namespace {
+
+thread_local unsigned fault_nth = 0;      // 0: disarmed
+thread_local unsigned fault_seen = 0;     // allocations since arming
+thread_local bool fault_hit = false;
+std::atomic<long> fault_live{0};
+
+// True when this allocation is the one to fail.
+bool fault_should_fail() {
+  ++fault_seen;
+  if (fault_nth != 0 && fault_seen == fault_nth) {
+    fault_hit = true;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+extern "C" {
+
+void *__wrap_malloc(size_t size) {  // NOLINT(bugprone-reserved-identifier)
+  if (fault_should_fail()) {
+    return nullptr;
+  }
+  void *p = __real_malloc(size);
+  if (p != nullptr) {
+    fault_live.fetch_add(1, std::memory_order_relaxed);
+  }
+  return p;
+}
+
+void *__wrap_calloc(size_t n, size_t size) {  // NOLINT(bugprone-reserved-identifier)
+  if (fault_should_fail()) {
+    return nullptr;
+  }
+  void *p = __real_calloc(n, size);
+  if (p != nullptr) {
+    fault_live.fetch_add(1, std::memory_order_relaxed);
+  }
+  return p;
+}
+
+void *__wrap_realloc(void *old, size_t size) {  // NOLINT(bugprone-reserved-identifier)
+  if (fault_should_fail()) {
+    return nullptr;
+  }
+  void *p = __real_realloc(old, size);
+  if (p != nullptr && old == nullptr) {
+    fault_live.fetch_add(1, std::memory_order_relaxed);
+  }
+  return p;
+}
+
+char *__wrap_strdup(const char *s) {  // NOLINT(bugprone-reserved-identifier)
+  if (fault_should_fail()) {
+    return nullptr;
+  }
+  char *p = __real_strdup(s);
+  if (p != nullptr) {
+    fault_live.fetch_add(1, std::memory_order_relaxed);
+  }
+  return p;
+}
+
+void __wrap_free(void *p) {  // NOLINT(bugprone-reserved-identifier)
+  if (p != nullptr) {
+    fault_live.fetch_sub(1, std::memory_order_relaxed);
+  }
+  __real_free(p);
+}
+
+}  // extern "C"
+
+namespace zel_test {
+
+void fault_arm(unsigned nth) {
+  fault_nth = nth;
+  fault_seen = 0;
+  fault_hit = false;
+}
+
+void fault_disarm() { fault_nth = 0; }
+
+bool fault_fired() { return fault_hit; }
+
+unsigned fault_allocations() { return fault_seen; }
+
+long fault_live_blocks() { return fault_live.load(std::memory_order_relaxed); }
+
+void fault_report_leak(unsigned n, long before, long after) {
+  ADD_FAILURE() << "failing allocation " << n << " left " << (after - before)
+                << " block(s) allocated";
+}
+
+}  // namespace zel_test
