@@ -1,6 +1,10 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+# The installed libraries find each other (libzel_utils -> host services -> libkro) beside
+# themselves, whatever the consumer's own search path.
+set_target_properties(zel_utils kro host_services PROPERTIES INSTALL_RPATH "$ORIGIN")
+
 install(TARGETS zel_utils kro host_services zel_platform_headers
   EXPORT zel_utils_targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -24,5 +28,7 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/zel_utilsConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/zel_utils)
 
+# Relocatable: the prefix is found from the .pc file's own place.
+file(RELATIVE_PATH ZEL_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/zel_utils.pc.in ${CMAKE_CURRENT_BINARY_DIR}/zel_utils.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zel_utils.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

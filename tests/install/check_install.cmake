@@ -1,0 +1,46 @@
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix} RESULT_VARIABLE rc
+  OUTPUT_QUIET)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "install failed")
+endif()
+
+# find_package
+execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/consumer -B ${WORK_DIR}/cmake-build
+  -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix} RESULT_VARIABLE rc OUTPUT_QUIET)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "consumer configure failed")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build RESULT_VARIABLE rc OUTPUT_QUIET)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "consumer build failed")
+endif()
+execute_process(COMMAND ${WORK_DIR}/cmake-build/consumer RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "consumer (find_package) failed: ${rc}")
+endif()
+
+# pkg-config
+find_program(PKG_CONFIG pkg-config)
+if(PKG_CONFIG)
+  file(GLOB pcdir ${prefix}/lib*/pkgconfig ${prefix}/lib/*/pkgconfig)
+  set(ENV{PKG_CONFIG_PATH} "${pcdir}")
+  execute_process(COMMAND ${PKG_CONFIG} --cflags --libs zel_utils OUTPUT_VARIABLE flags
+    OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "pkg-config does not know zel_utils")
+  endif()
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  file(GLOB libdir ${prefix}/lib*/libzel_utils.so ${prefix}/lib/*/libzel_utils.so)
+  get_filename_component(libdir "${libdir}" DIRECTORY)
+  execute_process(COMMAND cc -std=c99 -Wall -Werror ${SOURCE_DIR}/consumer/main.c ${flags}
+    -Wl,-rpath,${libdir} -o ${WORK_DIR}/pc-consumer RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "pkg-config consumer build failed")
+  endif()
+  execute_process(COMMAND ${WORK_DIR}/pc-consumer RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "consumer (pkg-config) failed: ${rc}")
+  endif()
+endif()
