@@ -2,4 +2,6 @@
 # Builds the library and runs its demonstration program.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-cmake --workflow --preset demo
+cmake --preset default >/dev/null
+cmake --build --preset demo
+exec build/default/examples/zel_demo
