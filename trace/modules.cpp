@@ -31,13 +31,17 @@ void zel_trace_switch(const any_module_dt_t &rec, const char *module, unsigned i
 
 extern "C" {
 
-void zel_ipc_reg_init_once(void) { any_module_dt_init(&zel_ipc_reg_mgr_amdt, ZEL_IPC_REG_MODULE_NAME); }
+void zel_ipc_reg_init_once(void) {
+  any_module_dt_init(&zel_ipc_reg_mgr_amdt, ZEL_IPC_REG_MODULE_NAME);
+}
 
 void zel_ipc_reg_dbg_set(unsigned int mask) {
   zel_trace_switch(zel_ipc_reg_mgr_amdt, ZEL_IPC_REG_MODULE_NAME, mask);
 }
 
-void zel_cfg_string_dt_init_once(void) { any_module_dt_init(&zel_conf_str_amdt, ZEL_CFG_STR_MODULE_NAME); }
+void zel_cfg_string_dt_init_once(void) {
+  any_module_dt_init(&zel_conf_str_amdt, ZEL_CFG_STR_MODULE_NAME);
+}
 
 void zel_cfg_string_dbg_set(unsigned int mask) {
   zel_trace_switch(zel_conf_str_amdt, ZEL_CFG_STR_MODULE_NAME, mask);

@@ -47,29 +47,29 @@ inline unsigned zel_trace_thread_id() {
   return static_cast<unsigned>(pthread_self());
 }
 
-#define ZEL_TRACE(rec, level, code, msg, ...)                                                   \
-  do {                                                                                          \
-    static uint32_t zel_trace_slot_ = 0xffffffffU;                                              \
-    const kro_dt_flag_t zel_trace_flag_ = zel_trace_flag((rec), (level));                       \
-    const uint32_t zel_trace_subtype_ = zel_trace_subtype(level);                               \
-    printf(msg "\n" __VA_OPT__(, ) __VA_ARGS__);                                                \
-    if (kro_dt_flag_enabled(zel_trace_flag_) != 0) {                                            \
-      if (hvlog_hist_event_subtype_check(ZEL_TRACE_EVENT_ID, zel_trace_subtype_) == 0) {        \
-        zel_trace_hist_t zel_trace_hist_;                                                       \
-        zel_trace_hist_.subtype = zel_trace_subtype_;                                           \
-        snprintf(zel_trace_hist_.text, sizeof zel_trace_hist_.text,                             \
-                 msg "\n" __VA_OPT__(, ) __VA_ARGS__);                                          \
-        const uint32_t zel_trace_n_ = static_cast<uint32_t>(strlen(zel_trace_hist_.text));      \
-        hvlog_hist_event(ZEL_TRACE_EVENT_ID, 4 + zel_trace_n_ + 1, &zel_trace_hist_);           \
-      }                                                                                         \
-      if (hvlog_chk_int(zel_trace_subtype_, 0, 0, 1) != 0) {                                    \
-        trcout(1, &hvlog_dbg_modname, 0, msg "\n" __VA_OPT__(, ) __VA_ARGS__);                  \
-      }                                                                                         \
-    }                                                                                           \
-    _kro_dt_log_filter_adv(zel_trace_flag_, 0, 0, 0, 0, UINT64_C(0), &zel_trace_slot_,          \
-                           "%u: %s: %s: %d: %d: " msg, zel_trace_thread_id(), (rec).name,       \
-                           static_cast<const char *>(__func__), static_cast<int>(__LINE__),     \
-                           static_cast<int>(code) __VA_OPT__(, ) __VA_ARGS__);                  \
+#define ZEL_TRACE(rec, level, code, msg, ...)                                               \
+  do {                                                                                      \
+    static uint32_t zel_trace_slot_ = 0xffffffffU;                                          \
+    const kro_dt_flag_t zel_trace_flag_ = zel_trace_flag((rec), (level));                   \
+    const uint32_t zel_trace_subtype_ = zel_trace_subtype(level);                           \
+    printf(msg "\n" __VA_OPT__(, ) __VA_ARGS__);                                            \
+    if (kro_dt_flag_enabled(zel_trace_flag_) != 0) {                                        \
+      if (hvlog_hist_event_subtype_check(ZEL_TRACE_EVENT_ID, zel_trace_subtype_) == 0) {    \
+        zel_trace_hist_t zel_trace_hist_;                                                   \
+        zel_trace_hist_.subtype = zel_trace_subtype_;                                       \
+        snprintf(zel_trace_hist_.text, sizeof zel_trace_hist_.text,                         \
+                 msg "\n" __VA_OPT__(, ) __VA_ARGS__);                                      \
+        const uint32_t zel_trace_n_ = static_cast<uint32_t>(strlen(zel_trace_hist_.text));  \
+        hvlog_hist_event(ZEL_TRACE_EVENT_ID, 4 + zel_trace_n_ + 1, &zel_trace_hist_);       \
+      }                                                                                     \
+      if (hvlog_chk_int(zel_trace_subtype_, 0, 0, 1) != 0) {                                \
+        trcout(1, &hvlog_dbg_modname, 0, msg "\n" __VA_OPT__(, ) __VA_ARGS__);              \
+      }                                                                                     \
+    }                                                                                       \
+    _kro_dt_log_filter_adv(zel_trace_flag_, 0, 0, 0, 0, UINT64_C(0), &zel_trace_slot_,      \
+                           "%u: %s: %s: %d: %d: " msg, zel_trace_thread_id(), (rec).name,   \
+                           static_cast<const char *>(__func__), static_cast<int>(__LINE__), \
+                           static_cast<int>(code) __VA_OPT__(, ) __VA_ARGS__);              \
   } while (0)
 
 #endif  // ZEL_TRACE_TRACE_POINT_H_

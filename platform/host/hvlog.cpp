@@ -25,7 +25,7 @@ struct host_event {
 };
 
 host_event host_history[HOST_HISTORY_CAPACITY];  // guarded by host_history_mutex
-size_t host_history_next = 0;                     // total appended; guarded
+size_t host_history_next = 0;                    // total appended; guarded
 std::mutex host_history_mutex;
 
 }  // namespace
@@ -65,10 +65,10 @@ int trcout(int level, const void *modname, int flags, const char *fmt, ...) {
   const int n = vsnprintf(text, sizeof text, fmt, ap);
   va_end(ap);
   host_trcout_count.fetch_add(1, std::memory_order_relaxed);
-  kro_probe_journal_add("trcout %d %s %d %s", level,
-                        modname == static_cast<const void *>(hvlog_dbg_modname) ? "hvlog_dbg_modname"
-                                                                                 : "other",
-                        flags, text);
+  kro_probe_journal_add(
+      "trcout %d %s %d %s", level,
+      modname == static_cast<const void *>(hvlog_dbg_modname) ? "hvlog_dbg_modname" : "other",
+      flags, text);
   fputs(text, stderr);
   return n;
 }

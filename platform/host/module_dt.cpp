@@ -19,7 +19,7 @@ struct host_registration {
 };
 
 host_registration host_regs[host_reg_capacity];  // guarded by host_reg_mutex
-unsigned host_reg_used = 0;                       // guarded by host_reg_mutex
+unsigned host_reg_used = 0;                      // guarded by host_reg_mutex
 std::mutex host_reg_mutex;
 
 host_registration *host_reg_find(const char *name) {

@@ -34,8 +34,8 @@ bool kro_dt_rate_admit(uint32_t *slot, uint32_t *suppressed) {
   const uint32_t now = static_cast<uint32_t>(ts.tv_sec) & 0xffffU;
   uint32_t old = __atomic_load_n(slot, __ATOMIC_RELAXED);
   for (;;) {
-    uint32_t next;
-    bool admit;
+    uint32_t next = 0;
+    bool admit = false;
     uint32_t dropped = 0;
     if (old == kro_dt_slot_unused || (old >> 16) != now) {
       dropped = old == kro_dt_slot_unused ? 0 : (old & 0xffU);
@@ -50,8 +50,7 @@ bool kro_dt_rate_admit(uint32_t *slot, uint32_t *suppressed) {
       next = (old & 0xffffff00U) + (1U << 8);
       admit = true;
     }
-    if (__atomic_compare_exchange_n(slot, &old, next, false, __ATOMIC_RELAXED,
-                                    __ATOMIC_RELAXED)) {
+    if (__atomic_compare_exchange_n(slot, &old, next, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
       *suppressed = dropped;
       return admit;
     }

@@ -7,7 +7,7 @@
 namespace zel_test {
 
 class StdoutCapture {
-public:
+ public:
   StdoutCapture();   // flushes stdout and redirects descriptor 1 to a temporary file
   ~StdoutCapture();  // restores descriptor 1
   StdoutCapture(const StdoutCapture &) = delete;
@@ -16,7 +16,7 @@ public:
   // Everything written since construction (or since the last take()), and forgets it.
   std::string take();
 
-private:
+ private:
   int saved_fd_;
   int file_fd_;
   long offset_;

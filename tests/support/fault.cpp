@@ -7,17 +7,17 @@
 #include <cstring>
 
 extern "C" {
-void *__real_malloc(size_t size);           // NOLINT(bugprone-reserved-identifier)
-void *__real_calloc(size_t n, size_t size); // NOLINT(bugprone-reserved-identifier)
-void *__real_realloc(void *p, size_t size); // NOLINT(bugprone-reserved-identifier)
-void __real_free(void *p);                  // NOLINT(bugprone-reserved-identifier)
-char *__real_strdup(const char *s);         // NOLINT(bugprone-reserved-identifier)
+void *__real_malloc(size_t size);            // NOLINT(bugprone-reserved-identifier)
+void *__real_calloc(size_t n, size_t size);  // NOLINT(bugprone-reserved-identifier)
+void *__real_realloc(void *p, size_t size);  // NOLINT(bugprone-reserved-identifier)
+void __real_free(void *p);                   // NOLINT(bugprone-reserved-identifier)
+char *__real_strdup(const char *s);          // NOLINT(bugprone-reserved-identifier)
 }
 
 namespace {
 
-thread_local unsigned fault_nth = 0;      // 0: disarmed
-thread_local unsigned fault_seen = 0;     // allocations since arming
+thread_local unsigned fault_nth = 0;   // 0: disarmed
+thread_local unsigned fault_seen = 0;  // allocations since arming
 thread_local bool fault_hit = false;
 std::atomic<long> fault_live{0};
 
@@ -96,13 +96,21 @@ void fault_arm(unsigned nth) {
   fault_hit = false;
 }
 
-void fault_disarm() { fault_nth = 0; }
+void fault_disarm() {
+  fault_nth = 0;
+}
 
-bool fault_fired() { return fault_hit; }
+bool fault_fired() {
+  return fault_hit;
+}
 
-unsigned fault_allocations() { return fault_seen; }
+unsigned fault_allocations() {
+  return fault_seen;
+}
 
-long fault_live_blocks() { return fault_live.load(std::memory_order_relaxed); }
+long fault_live_blocks() {
+  return fault_live.load(std::memory_order_relaxed);
+}
 
 void fault_report_leak(unsigned n, long before, long after) {
   ADD_FAILURE() << "failing allocation " << n << " left " << (after - before)

@@ -34,7 +34,7 @@ unsigned fault_sweep(Op &&op, unsigned limit = 10000);
 
 // Guard that arms on construction and disarms on destruction.
 class FaultScope {
-public:
+ public:
   explicit FaultScope(unsigned nth) { fault_arm(nth); }
   ~FaultScope() { fault_disarm(); }
   FaultScope(const FaultScope &) = delete;

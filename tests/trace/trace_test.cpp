@@ -49,7 +49,9 @@ int trace_error_with_args(int a, const char *b) {
   return __LINE__ - 1;
 }
 
-void trace_long(const char *text) { ZEL_TRACE(test_mod, ZEL_TRACE_ERROR, 5, "%s\n", text); }
+void trace_long(const char *text) {
+  ZEL_TRACE(test_mod, ZEL_TRACE_ERROR, 5, "%s\n", text);
+}
 
 void trace_same_text_twice() {
   ZEL_TRACE(test_mod, ZEL_TRACE_ERROR, 1, "same\n");
@@ -57,7 +59,7 @@ void trace_same_text_twice() {
 }
 
 class TracePoint : public ::testing::Test {
-protected:
+ protected:
   void SetUp() override {
     ASSERT_EQ(any_module_dt_init(&test_mod, "TEST-MOD"), 0);
     host_probe_history_clear();
@@ -76,8 +78,8 @@ TEST_F(TracePoint, FlagOffEchoesAndLogsOnly) {
   ASSERT_EQ(j.size(), 2U);
   EXPECT_EQ(j[0], "kro_dt_flag_enabled TEST-MOD.trace -> 0");
   char slot_text[64];
-  const std::string expected_tail = ": TEST-MOD: trace_entering: " + std::to_string(line) +
-                                    ": 0: entering\n";
+  const std::string expected_tail =
+      ": TEST-MOD: trace_entering: " + std::to_string(line) + ": 0: entering\n";
   EXPECT_TRUE(starts_with(j[1], "_kro_dt_log_filter_adv TEST-MOD.trace 0 0 0 0 0 slot=")) << j[1];
   EXPECT_NE(j[1].find(expected_tail), std::string::npos) << j[1];
   // The thread id comes first, unsigned.
@@ -101,9 +103,9 @@ TEST_F(TracePoint, FlagOnWritesHistoryAndDebugPrintInOrder) {
   EXPECT_EQ(j[2], "hvlog_hist_event 0x730000 15");  // 4 + strlen("bad 42 x\n\n") + 1
   EXPECT_EQ(j[3], "hvlog_chk_int 102 0 0 1 -> 1");
   EXPECT_EQ(j[4], "trcout 1 hvlog_dbg_modname 0 bad 42 x\n\n");
-  EXPECT_NE(j[5].find(": TEST-MOD: trace_error_with_args: " + std::to_string(line) +
-                      ": -7: bad 42 x\n"),
-            std::string::npos)
+  EXPECT_NE(
+      j[5].find(": TEST-MOD: trace_error_with_args: " + std::to_string(line) + ": -7: bad 42 x\n"),
+      std::string::npos)
       << j[5];
 
   unsigned char rec[600];
@@ -198,7 +200,7 @@ TEST(TraceSwitch, BothFlagsWrittenTraceFirst) {
   zel_cfg_string_dt_init_once();
   zel_ipc_reg_init_once();
   const SwitchCase cases[] = {
-      {0, "disable", "disable"}, {1, "enable", "disable"}, {2, "disable", "enable"},
+      {0, "disable", "disable"}, {1, "enable", "disable"},  {2, "disable", "enable"},
       {3, "enable", "enable"},   {4, "disable", "disable"}, {7, "enable", "enable"},
   };
   struct Module {
