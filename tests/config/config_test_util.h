@@ -1,17 +1,21 @@
-// Shared helpers of the configuration tests: an owning handle, the texts used by the tables,
-// and the error-level trace points read back from the platform's call journal.
+// Shared helpers of the configuration tests: an owning handle, texts, allocation sizes, and the
+// error-level trace points read back from the platform's call journal.
 #ifndef ZEL_TESTS_CONFIG_CONFIG_TEST_UTIL_H_
 #define ZEL_TESTS_CONFIG_CONFIG_TEST_UTIL_H_
 
+#include <gtest/gtest.h>
 #include <kro/probe.h>
+#include <malloc.h>
 #include <zel/config.h>
 #include <zel/trace.h>
 
-#include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" size_t __sanitizer_get_allocated_size(const volatile void *p);
+#endif
 
 namespace cfg_test {
 
@@ -21,26 +25,28 @@ struct Destroy {
 using Config = std::unique_ptr<zel_util_config_t, Destroy>;
 
 inline Config make(const char *loc = "loc1", const char *prov = "snmp") {
+  static const bool registered = (zel_cfg_string_dt_init_once(), true);  // once per process
+  (void)registered;
   return Config(zel_util_config_create(loc, prov));
 }
 
-inline std::string text(size_t n, char c = 'o') {
-  return std::string(n, c);
-}
-
-// The configuration string, or "(null)".
+// Builds the configuration string: its text, or "(null)".
 inline std::string str(zel_util_config_t *c) {
   const char *s = zel_util_config_string_get(c);
   return s == nullptr ? "(null)" : s;
 }
 
-// The module is registered once per process; a test case runs in a process of its own.
-inline void register_module() {
-  static const bool once = (zel_cfg_string_dt_init_once(), true);
-  (void)once;
+// The block was allocated with exactly `bytes` bytes (exact under the address sanitizer, whose
+// allocator knows the requested size; a lower bound otherwise).
+inline void expect_block_size(const void *p, size_t bytes) {
+#if defined(__SANITIZE_ADDRESS__)
+  EXPECT_EQ(__sanitizer_get_allocated_size(p), bytes);
+#else
+  EXPECT_GE(malloc_usable_size(const_cast<void *>(p)), bytes);
+#endif
 }
 
-// One filtered-log entry as the journal records it:
+// The filtered-log entries journalled since kro_probe_journal_start, recorded as
 // "_kro_dt_log_filter_adv FLAG 0 0 0 0 0 slot=P TID: MODULE: FUNC: LINE: CODE: MESSAGE".
 struct Logged {
   std::string flag, module, func, msg;
@@ -60,6 +66,17 @@ inline std::vector<Logged> logged() {
     }
   }
   return out;
+}
+
+// Exactly one error-level trace point was journalled, with this function, message and code.
+inline void expect_one_trace(const char *func, const char *msg, int code) {
+  const auto log = logged();
+  ASSERT_EQ(log.size(), 1u);
+  EXPECT_EQ(log[0].func, func);
+  EXPECT_EQ(log[0].msg, msg);
+  EXPECT_EQ(log[0].code, code);
+  EXPECT_EQ(log[0].module, "ZEL-CFG-STR");
+  EXPECT_EQ(log[0].flag, "ZEL-CFG-STR.error");
 }
 
 }  // namespace cfg_test
