@@ -30,11 +30,12 @@
 
 ZEL_BEGIN_DECLS
 
-/* Result codes of the zel_util_snmp_add_* operations. */
-#define ZEL_CFG_OK 0         /* success */
+/* Result codes of the zel_util_snmp_add_* operations. ZEL_CFG_EPROVIDER: no SNMP provider part
+ * to be had, and for zel_util_snmp_add_instance also a NULL object or instance list name. */
+#define ZEL_CFG_OK 0
 #define ZEL_CFG_EMISSING 1   /* object, context, object list name or object NULL */
 #define ZEL_CFG_ETOOLONG 3   /* a text longer than its limit */
-#define ZEL_CFG_EPROVIDER 4  /* SNMP provider part not to be had; see zel_util_snmp_add_instance */
+#define ZEL_CFG_EPROVIDER 4  /* see above */
 #define ZEL_CFG_ENOMEM 5     /* an element could not be allocated */
 #define ZEL_CFG_EEXIST 9     /* the context is already set */
 #define ZEL_CFG_EMISMATCH 11 /* list name or instance type differs from the stored one */
@@ -75,7 +76,11 @@ typedef void (*zel_util_config_strcat_fn)(zel_util_config_t *config, char *dst, 
  *
  * The object owns config_str and the provider part. prov_cfg, prov_cfg_free and prov_cfg_strcat
  * are NULL until a provider attaches; a provider attaches at most once and the three fields
- * then stay until destruction. The provider part is released only through prov_cfg_free. */
+ * then stay until destruction. The provider part is released only through prov_cfg_free.
+ * A provider outside the library attaches by setting all three fields on an object that has
+ * none; the SNMP additions attach only to an object whose three fields are all NULL, and on an
+ * object carrying another provider they fail with ZEL_CFG_EPROVIDER and leave it alone.
+ * Texts given to the operations below are copied; the caller keeps ownership of its own. */
 struct zel_util_config {
   char location[ZEL_CFG_LOCATION_MAX + 1];
   char provider[ZEL_CFG_PROVIDER_MAX + 1];
@@ -114,7 +119,8 @@ ZEL_API void zel_util_config_destroy(zel_util_config_t *config);
 ZEL_API char *zel_util_config_string_get(zel_util_config_t *config);
 
 /* The append primitive of every writer of the configuration string, exported for providers.
- * src must not be NULL; counter is a signed 32-bit counter owned by the caller of the pass.
+ * src is never NULL (a NULL src or counter does nothing); counter is a signed 32-bit counter
+ * owned by the caller of the pass.
  *   - Count pass (dst NULL): adds strlen(src) to *counter (saturating at INT32_MAX).
  *   - Write pass (dst the start of a zero-filled buffer, *counter the capacity left including
  *     the terminator's byte): appends src to the text already in dst, copying at most
