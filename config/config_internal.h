@@ -1,0 +1,109 @@
+// Configuration family internals shared by its files: the private bookkeeping around the public
+// object, the SNMP provider part and its list elements, and the position-tracking append path.
+#ifndef ZEL_CONFIG_CONFIG_INTERNAL_H_
+#define ZEL_CONFIG_CONFIG_INTERNAL_H_
+
+#include <kro/queue.h>
+#include <zel/config.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// What zel_util_config_create allocates: the public object first, so that a
+// zel_util_config_t * and the zel_cfg_object_t * around it are the same address, then what the
+// library keeps for itself.
+struct zel_cfg_object_t {
+  zel_util_config_t pub;
+  // The string that the last build replaced: still valid for readers until the next build or
+  // destruction, then freed.
+  char *prev_str;
+  // The buffer of the write pass under way and its size, so that the library's own writers
+  // append at a tracked position instead of scanning the buffer; NULL / 0 outside a write pass.
+  char *write_buf;
+  int32_t write_size;
+};
+
+inline zel_cfg_object_t *zel_cfg_object_of(zel_util_config_t *config) {
+  return reinterpret_cast<zel_cfg_object_t *>(config);
+}
+
+// The SNMP provider part, hung from prov_cfg. Allocated zero-filled: names and context empty,
+// type 0, both lists never set up (which every queue operation treats as empty).
+struct zel_snmp_prov_cfg_t {
+  kro_queue_t object_list;    // of zel_snmp_object_t, in order of addition
+  kro_queue_t instance_list;  // of zel_snmp_instance_t, in order of addition
+  char object_list_name[ZEL_SNMP_LIST_NAME_MAX + 1];
+  char instance_list_name[ZEL_SNMP_LIST_NAME_MAX + 1];
+  zel_snmp_instance_type_t instance_type;  // 0 until the instance list is named
+  char context[ZEL_SNMP_CONTEXT_MAX + 1];  // empty while not set
+};
+
+struct zel_snmp_object_t {
+  kro_queue_link_t link;  // managed by the queue
+  char object[ZEL_SNMP_OBJECT_MAX + 1];
+};
+
+struct zel_snmp_instance_t {
+  kro_queue_link_t link;               // managed by the queue
+  char oid[ZEL_SNMP_OID_MAX + 1];      // exact, wildcard (may be empty), repeat or range start OID
+  char end_oid[ZEL_SNMP_OID_MAX + 1];  // range end OID; empty for the other types
+  int32_t repeat_count;                // repeat instances only; 0 for the other types
+};
+
+// The SNMP provider's two operations, installed in the object by initialize_prov_cfg. Internal
+// to the library (not exported): callers reach them only through prov_cfg_strcat and
+// prov_cfg_free.
+void snmp_prov_cfg_strcat(zel_util_config_t *config, char *dst, int32_t *counter);
+void snmp_prov_cfg_free(zel_util_config_t *config);
+
+// Copies at most cap - 1 characters of src into dst and terminates it.
+inline void zel_cfg_copy(char *dst, size_t cap, const char *src) {
+  const size_t n = strnlen(src, cap - 1);
+  memcpy(dst, src, n);
+  dst[n] = '\0';
+}
+
+// One append of the two-pass protocol, with the semantics of cfg_strcat. In a write pass the
+// end of the text is found from the counter when the buffer's size is known (size >= 0): the
+// text written so far is size - counter characters long, because every append either lowers
+// the counter by what it wrote or writes the last byte that fits and leaves 0. With size < 0
+// the end is found by scanning dst, as an external provider's cfg_strcat call needs.
+inline void zel_cfg_append(char *dst, int32_t size, const char *src, size_t len, int32_t *counter) {
+  const int32_t c = *counter;
+  if (dst == nullptr) {
+    const int64_t sum = static_cast<int64_t>(c) + static_cast<int64_t>(len);
+    *counter = sum > INT32_MAX || len > static_cast<size_t>(INT32_MAX) ? INT32_MAX
+                                                                       : static_cast<int32_t>(sum);
+    return;
+  }
+  if (c <= 1) {
+    *counter = 0;  // no room left but the terminator's byte, which the text already has
+    return;
+  }
+  const size_t room = static_cast<size_t>(c) - 1;
+  char *end = size >= c ? dst + (size - c) : dst + strlen(dst);
+  const size_t n = len < room ? len : room;
+  memcpy(end, src, n);
+  end[n] = '\0';
+  *counter = len < room ? c - static_cast<int32_t>(len) : 0;
+}
+
+// The appender of one pass of a library-owned writer (the header and the SNMP text): knows the
+// buffer's size when dst is the buffer of the object's write pass under way.
+struct zel_cfg_writer_t {
+  char *dst;
+  int32_t size;  // -1: unknown, scan dst
+  int32_t *counter;
+
+  zel_cfg_writer_t(zel_util_config_t *config, char *d, int32_t *c) : dst(d), size(-1), counter(c) {
+    const zel_cfg_object_t *obj = zel_cfg_object_of(config);
+    if (d != nullptr && obj->write_buf == d) {
+      size = obj->write_size;
+    }
+  }
+  void put(const char *s, size_t n) const { zel_cfg_append(dst, size, s, n, counter); }
+  void put(const char *s) const { put(s, strlen(s)); }
+};
+
+#endif  // ZEL_CONFIG_CONFIG_INTERNAL_H_
