@@ -1,4 +1,6 @@
 /* The name-service header from C: bind, find by handle, release, through the shared library. */
+#include <stdlib.h>
+
 #include <zel/name_service.h>
 
 int main(void) {
@@ -24,6 +26,12 @@ int main(void) {
       lib_name_service_remove(svc, owner) != NULL) {
     return 1;
   }
-  /* The service has no destroy operation; it lives until the process ends. */
-  return kro_ext_hash_name_get(&svc->names, "svc") == NULL ? 0 : 1;
+  if (kro_ext_hash_name_get(&svc->names, "svc") != NULL) {
+    return 1;
+  }
+  /* No destroy operation: an owner that is done with an empty service frees its sets and block. */
+  kro_hashset_free(&svc->names);
+  kro_hashset_free(&svc->ids);
+  free(svc);
+  return 0;
 }
