@@ -201,33 +201,4 @@ TYPED_TEST(ArrayTest, CreateFailuresAndNullArguments) {
   EXPECT_EQ(F::remove(nullptr, 0), nullptr);
 }
 
-// A growth that can't be had leaves the array exactly as it was, through append and through
-// an insert that finds no hole.
-TYPED_TEST(ArrayTest, FailedGrowthLeavesArrayAsItWas) {
-  using F = typename TestFixture::Ops;
-  for (bool via_insert : {false, true}) {
-    SCOPED_TRACE(via_insert ? "insert" : "append");
-    lib_array_t *a = this->make(3, 3, LIB_ARRAY_SPARSE);
-    for (int i = 0; i < 3; ++i) {
-      F::append(a, this->v(i));
-    }
-    const lib_array_t before = *a;
-    int32_t r;
-    {
-      zel_test::FaultScope fault(1);
-      r = via_insert ? F::insert(a, this->v(9), 1) : F::append(a, this->v(9));
-      EXPECT_TRUE(zel_test::fault_fired());
-    }
-    EXPECT_EQ(r, -1);
-    EXPECT_EQ(a->data, before.data);
-    EXPECT_EQ(a->capacity, before.capacity);
-    EXPECT_EQ(a->used, before.used);
-    EXPECT_EQ(a->count, before.count);
-    for (int i = 0; i < 3; ++i) {
-      EXPECT_EQ(a->data[i], this->v(i));
-    }
-    EXPECT_EQ(via_insert ? F::insert(a, this->v(9), 1) : F::append(a, this->v(9)), 3);
-  }
-}
-
 }  // namespace
