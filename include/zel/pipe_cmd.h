@@ -44,8 +44,9 @@ typedef void (*zel_lib_pipe_cmd_cb)(char *piece, void *arg);
  *   ZEL_PIPE_CMD_OK      the output was read to its end and the child ended with wait status 0,
  *                        or waitpid was interrupted by a signal (EINTR);
  *   ZEL_PIPE_CMD_ESTART  NULL path or argv (no child created), the pipe or the child could not
- *                        be created ("fork: <reason>" is printed to standard error), or the read
- *                        end could not be opened as a stream (no callback was called);
+ *                        be created (for the child, "fork: <reason>" is printed to standard
+ *                        error), or the read end could not be opened as a stream (no callback
+ *                        was called);
  *   ZEL_PIPE_CMD_EREAD   reading the output failed, as a read interrupted by a signal handler
  *                        installed without SA_RESTART does; the child ended with status 0 (or
  *                        waitpid was interrupted);
@@ -53,6 +54,9 @@ typedef void (*zel_lib_pipe_cmd_cb)(char *piece, void *arg);
  *                        non-zero exit code, by a signal, or because `path` could not be
  *                        executed (the child prints "execve: <reason>" to standard error and
  *                        exits with status 255).
+ *
+ * Threads: any thread may call it, several at once; the call keeps no state and blocks its
+ * thread until the output has ended and the child has been waited for.
  *
  * Descriptors: none is left open after any outcome. The pipe is created close-on-exec, so the
  * child's only descriptor of it is its standard output, and children started by other threads
@@ -64,8 +68,11 @@ typedef void (*zel_lib_pipe_cmd_cb)(char *piece, void *arg);
  * signal (EINTR), the call returns at once and the child is left to the caller's own reaping
  * (a SIGCHLD handler, typically the source of the interruption).
  *
- * The child exits with _exit when execv fails, so no atexit handler or stdio buffer copied from
- * the caller runs or is flushed in it. */
+ * Start: the child is created with vfork, so starting it costs the same whatever the caller's
+ * size (fork would copy the caller's page tables), and the calling thread is suspended until
+ * the child has exec'd; other threads run on. The child inherits the calling thread's signal
+ * mask and the caller's ignored signals, as with fork and exec. When execv fails the child
+ * leaves with _exit, so no atexit handler of the caller runs in it. */
 ZEL_API uint32_t zel_lib_pipe_cmd(const char *path, char *const argv[], zel_lib_pipe_cmd_cb cb,
                                   void *arg);
 
