@@ -8,14 +8,18 @@
  * The bindings live in a platform hash set (kro/hashset.h) keyed by id; each binding is a
  * zel_id_mgr_entry_t that the manager allocates with calloc and frees with free.
  *
- * Threads: no operation locks. A manager is used by one thread at a time; callers that share
- * one serialise around every call, iterate included. Different managers are independent.
+ * Threads: every function may be called from any thread, but no operation locks. A manager
+ * is used by one thread at a time; callers that share one serialise around every call, iterate
+ * included. Different managers are independent.
+ *
+ * Ownership: the caller owns the manager record and the contexts; the manager owns its set and
+ * its bindings, and never dereferences, copies or frees a context.
  *
  * Lifecycle: zel_id_mgr_init (or zel_id_mgr_xinit) once, then any number of get, lookup,
- * delete and iterate calls, then zel_id_mgr_cleanup once. A manager whose `set` is NULL (zero
- * filled, after a failed init, or after cleanup) counts as not initialised: every operation
- * refuses it (-1, NULL or nothing) and changes nothing. Calling init again on a live manager
- * without cleanup loses its set; don't.
+ * delete and iterate calls, then zel_id_mgr_cleanup once. A manager whose `set` is NULL (a
+ * zero-filled record, also after a failed init, or a manager after cleanup) counts as not
+ * initialised: every operation refuses it (-1, NULL or nothing) and changes nothing. Calling init
+ * again on a live manager without cleanup loses its set; don't.
  *
  * Equal ids: without ZEL_ID_MGR_F_CHECK_IN_USE, a get after a wrap can hand out an id that is
  * still bound. The manager then holds two bindings for that id. The newest shadows the older
@@ -76,9 +80,10 @@ ZEL_API int32_t zel_id_mgr_init(zel_id_mgr_t *mgr);
  * manager is left as zel_id_mgr_init leaves it. */
 ZEL_API int32_t zel_id_mgr_xinit(zel_id_mgr_t *mgr, uint16_t flags);
 
-/* Releases every binding still present (the manager allocated them; the contexts are not
- * touched) and then the set, leaving mgr->set NULL. next_id and flags are left as they are.
- * NULL mgr, or a manager not initialised or already cleaned up: does nothing. */
+/* Releases every binding still present and then the set, leaving mgr->set NULL. The platform
+ * set never frees its elements and the manager allocated the bindings, so the manager frees
+ * them here rather than lose them; the contexts are not touched. next_id and flags are left as they
+ * are. NULL mgr, or a manager not initialised or already cleaned up: does nothing. */
 ZEL_API void zel_id_mgr_cleanup(zel_id_mgr_t *mgr);
 
 /* Hands out the next id and binds it to `ctx`.

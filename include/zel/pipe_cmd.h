@@ -30,9 +30,10 @@ ZEL_BEGIN_DECLS
 typedef void (*zel_lib_pipe_cmd_cb)(char *piece, void *arg);
 
 /* Runs the program at `path` (no PATH search) with the NULL-terminated argument vector `argv`
- * (passed unchanged; argv[0] is the program's name by convention). The child's standard output
- * is a pipe; its standard input and standard error are the caller's. Standard output and
- * standard error are flushed before the child is created.
+ * (passed unchanged; argv[0] is the program's name by convention); both stay the caller's and
+ * are only read during the call. The child's standard output is a pipe; its standard input and
+ * standard error are the caller's. Standard output and standard error are flushed before the child
+ * is created.
  *
  * The output is read with a buffer of ZEL_PIPE_CMD_PIECE_SIZE bytes: each piece holds at most
  * 99 characters and ends at the first line feed, which it keeps; a longer line arrives in
