@@ -35,14 +35,15 @@ inline constexpr size_t zel_convert_u32_max_digits = 10;
 
 // Number of decimal digits of v, as "%u" writes it.
 inline unsigned zel_convert_digits_u32(uint32_t v) {
+  if (v < 10) {
+    return 1;  // the common case of object identifier arcs
+  }
   constexpr uint32_t pow10[] = {1u,      10u,      100u,      1000u,      10000u,
                                 100000u, 1000000u, 10000000u, 100000000u, 1000000000u};
   // log10 estimate from the bit width (1233 / 4096 ~ log10(2)), corrected by one comparison.
-  // v | 1 has as many digits as v and makes 0 count as one digit.
-  const uint32_t u = v | 1u;
-  const unsigned width = 32u - static_cast<unsigned>(std::countl_zero(u));
+  const unsigned width = 32u - static_cast<unsigned>(std::countl_zero(v));
   const unsigned t = (width * 1233u) >> 12;
-  return t + (u >= pow10[t] ? 1u : 0u);
+  return t + (v >= pow10[t] ? 1u : 0u);
 }
 
 // Two decimal digits for every value below 100.
@@ -65,6 +66,15 @@ inline constexpr zel_convert_dec2_table zel_convert_dec2 = zel_convert_make_dec2
 // right; std::to_chars would do the same but its out-of-line helper is a default-visibility
 // template that would leak into the library's exported symbols.
 inline char *zel_convert_put_u32(char *p, uint32_t v) {
+  // Object identifier arcs are mostly below 100.
+  if (v < 10) {
+    *p = static_cast<char>('0' + v);
+    return p + 1;
+  }
+  if (v < 100) {
+    memcpy(p, zel_convert_dec2.pair[v], 2);
+    return p + 2;
+  }
   char *const end = p + zel_convert_digits_u32(v);
   char *q = end;
   while (v >= 100) {
