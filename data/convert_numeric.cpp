@@ -19,7 +19,7 @@ using namespace zel_convert;
 // Characters of the dotted quad form: two quotes and three dots around the digits.
 constexpr size_t zel_convert_ipv4_frame = 5;
 // Longest dotted quad: "255.255.255.255" in quotes.
-constexpr size_t zel_convert_ipv4_max = zel_convert_ipv4_frame + 4 * 3;
+constexpr size_t zel_convert_ipv4_max = zel_convert_ipv4_frame + size_t{4} * 3;
 
 // Decimal digits of every byte value, as "%d" writes it.
 struct zel_convert_dec_table {
@@ -84,7 +84,7 @@ void zel_convert_hex_groups(char *buf, const uint8_t *d, uint32_t groups) {
   zel_convert_put_hex(p, d[0]);
   zel_convert_put_hex(p + 2, d[1]);
   p += 4;
-  for (uint32_t g = 1; g < groups; ++g) {
+  for (size_t g = 1; g < groups; ++g) {
     *p = ':';
     zel_convert_put_hex(p + 1, d[2 * g]);
     zel_convert_put_hex(p + 3, d[2 * g + 1]);
@@ -98,7 +98,7 @@ void zel_convert_hex_groups(char *buf, const uint8_t *d, uint32_t groups) {
 void zel_convert_hex_groups_cut(char *buf, uint32_t buf_len, const uint8_t *d, uint32_t groups) {
   zel_convert_cut out(buf, buf_len);
   out.put('"');
-  for (uint32_t g = 0; g < groups && !out.full(); ++g) {
+  for (size_t g = 0; g < groups && !out.full(); ++g) {
     char piece[5] = {':'};
     zel_convert_put_hex(piece + 1, d[2 * g]);
     zel_convert_put_hex(piece + 3, d[2 * g + 1]);

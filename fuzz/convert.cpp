@@ -27,12 +27,12 @@
 
 namespace {
 
-#define ZEL_FUZZ_CHECK(cond)                                                   \
-  do {                                                                         \
-    if (!(cond)) {                                                             \
-      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-      abort();                                                                 \
-    }                                                                          \
+#define ZEL_FUZZ_CHECK(cond)                                                         \
+  do {                                                                               \
+    if (!(cond)) {                                                                   \
+      (void)fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+      abort();                                                                       \
+    }                                                                                \
   } while (0)
 
 #ifdef ZEL_FUZZ_ASAN
@@ -81,7 +81,7 @@ void check_numeric(Numeric convert, Reference reference, bool in_limits,
   if (in_limits) {
     ZEL_FUZZ_CHECK(reference(nullptr, 0, value.data, value.len) == len);
     std::string want(static_cast<size_t>(len) + 1, '\0');
-    reference(want.data(), static_cast<uint32_t>(len), value.data, value.len);
+    (void)reference(want.data(), static_cast<uint32_t>(len), value.data, value.len);
     full = want.substr(0, static_cast<size_t>(len));
   }
   if (len == 0) {

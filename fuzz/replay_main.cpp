@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 bool replay_file(const fs::path &path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
-    fprintf(stderr, "cannot read %s\n", path.c_str());
+    (void)fprintf(stderr, "cannot read %s\n", path.c_str());
     return false;
   }
   const std::vector<char> bytes((std::istreambuf_iterator<char>(in)),
@@ -61,6 +61,6 @@ int main(int argc, char **argv) {
       ++replayed;
     }
   }
-  printf("replayed %zu input(s)\n", replayed);
+  (void)printf("replayed %zu input(s)\n", replayed);
   return replayed != 0 ? 0 : 1;
 }

@@ -87,9 +87,10 @@ ZEL_API uint32_t zel_convert_stream_to_ascii_or_hex_len(const zel_data_value_t *
  * L + 1 bytes and calls with buf_len L and the same nbytes. The text form then writes L
  * characters and leaves the last byte alone (a zeroed buffer ends terminated); the hex form
  * writes L + 1 characters and fills the buffer. Use the returned count.
- * A buf_len below L (or any buf_len): the conversion writes the first min(F, buf_len + 1)
- * characters of the full form F (text or hex) and returns that count, so a cut text simply
- * stops; nothing else in buf is changed.
+ * Any buf_len: the conversion writes the first min(F, buf_len + 1) characters of the full form
+ * F (text or hex) and returns that count; with buf_len L that is the whole form. A shorter
+ * buf_len cuts the form where the room ends (possibly inside an escape or before the closing
+ * quote); nothing else in buf is changed.
  * Returns the number of characters written: 0 for nbytes 0, and below the limits (value NULL,
  * data NULL, buf NULL, nbytes above ZEL_CONVERT_OCTETS_MAX) where nothing is written. */
 ZEL_API uint32_t zel_convert_stream_to_ascii_or_hex(char *buf, uint32_t buf_len,

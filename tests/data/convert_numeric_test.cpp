@@ -132,7 +132,7 @@ TEST(ConvertNumeric, CutTextsMatchAChainOfSnprintf) {
     std::vector<uint8_t> bytes(arcs * 4 + arcs % 4);
     for (uint32_t i = 0; i < arcs; ++i) {
       const uint32_t arc = (rng() & 1) != 0 ? edges[rng() % edges.size()] : rng() >> (rng() % 32);
-      memcpy(bytes.data() + 4 * i, &arc, 4);
+      memcpy(bytes.data() + size_t{4} * i, &arc, 4);
     }
     expect_like_reference(zel_convert_stream_to_oid_str, bytes, zel_ref::oid);
   }

@@ -157,7 +157,7 @@ bool renders_as_text(uint8_t byte) {
   char buf[8] = {};
   const uint32_t n = zel_convert_stream_to_ascii_or_hex(buf, 7, &value, 1);
   char hex[8];
-  snprintf(hex, sizeof hex, "\"%02x\"", byte);
+  (void)snprintf(hex, sizeof hex, "\"%02x\"", byte);
   return std::string(buf, n) != hex;
 }
 

@@ -37,7 +37,7 @@ inline int ip(char *buf, uint32_t buf_len, const uint8_t *d, uint32_t len) {
     return chain(buf, buf_len, 0, "\"%d.%d.%d.%d\"", d[0], d[1], d[2], d[3]);
   }
   int n = chain(buf, buf_len, 0, "\"%02x%02x", d[0], d[1]);
-  for (uint32_t g = 1; g < len / 2; ++g) {
+  for (size_t g = 1; g < len / 2; ++g) {
     n += chain(buf, buf_len, n, ":%02x%02x", d[2 * g], d[2 * g + 1]);
   }
   return n + chain(buf, buf_len, n, "\"");
@@ -49,7 +49,7 @@ inline int oid(char *buf, uint32_t buf_len, const uint8_t *d, uint32_t len) {
   int n = 0;
   for (uint32_t i = 0; i < arcs; ++i) {
     uint32_t arc = 0;
-    memcpy(&arc, d + 4 * i, 4);
+    memcpy(&arc, d + size_t{4} * i, 4);
     n += chain(buf, buf_len, n, i + 1 < arcs ? "%u." : "%u", arc);
   }
   return n;
