@@ -5,6 +5,7 @@
 #include <cstdarg>
 
 bool kro_probe_recording();
-void kro_probe_journal_vadd(const char *fmt, va_list ap);
+// printf-style: lets the compiler check callers and accept the forwarded format.
+__attribute__((format(printf, 1, 0))) void kro_probe_journal_vadd(const char *fmt, va_list ap);
 
 #endif  // KRO_PROBE_INTERNAL_H_
