@@ -50,8 +50,7 @@ bool kro_dt_rate_admit(uint32_t *slot, uint32_t *suppressed) {
       next = (old & 0xffffff00U) + (1U << 8);
       admit = true;
     }
-    if (__atomic_compare_exchange_n(slot, &old, next, false, __ATOMIC_RELAXED,
-                                    __ATOMIC_RELAXED)) {
+    if (__atomic_compare_exchange_n(slot, &old, next, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
       *suppressed = dropped;
       return admit;
     }

@@ -19,7 +19,9 @@ std::atomic<bool> kro_probe_on{false};
 
 }  // namespace
 
-bool kro_probe_recording() { return kro_probe_on.load(std::memory_order_relaxed); }
+bool kro_probe_recording() {
+  return kro_probe_on.load(std::memory_order_relaxed);
+}
 
 void kro_probe_journal_vadd(const char *fmt, va_list ap) {
   const std::lock_guard<std::mutex> lock(kro_probe_mutex);
