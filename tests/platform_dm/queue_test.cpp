@@ -10,7 +10,7 @@ using dm_test::Msg;
 
 static_assert(offsetof(kro_dm_watched_queue_attr_t, max_len) == 0, "length limit comes first");
 static_assert(sizeof(kro_dm_time_t) == 8 && offsetof(kro_dm_time_t, nsec) == 4);
-static_assert(sizeof(kro_dm_stats_t) == 56);
+static_assert(sizeof(kro_dm_stats_t) == 64);
 #if UINTPTR_MAX == 0xffffffffu
 static_assert(sizeof(kro_dm_watched_queue_attr_t) == 16);
 #else
