@@ -32,8 +32,9 @@ extern "C" {
 
 /* One received message, as fu_pmx_recv stores it: 4096 bytes. */
 typedef struct fu_pmx_msg {
-  uint32_t len;                        /* bytes of data received */
-  unsigned char data[FU_PMX_DATA_MAX]; /* the message's bytes; those past len are unspecified */
+  uint32_t len; /* bytes of data received */
+  unsigned char
+      data[FU_PMX_DATA_MAX]; /* the message's bytes; those past len are left as they were */
 } fu_pmx_msg_t;
 
 /* The feature utility's event record: 12 bytes of header and the message from byte 12 on
@@ -62,7 +63,7 @@ void fu_fsm_event_init(fu_fsm_event_t *event);
  * number of data bytes (0 for an empty message); -1 for a NULL msg or opts, a negative fd, a
  * failing read, end of file (the peer closed) before or within the message, a length above
  * FU_PMX_DATA_MAX (the stream is then out of step), or, with opts->nonblock, no message there
- * yet. After -1 *msg is unspecified. */
+ * yet. After -1 the contents of *msg are not defined. */
 int fu_pmx_recv(int fd, fu_pmx_msg_t *msg, const fu_pmx_recv_opts_t *opts);
 
 /* Writes one message of `len` bytes (at most FU_PMX_DATA_MAX) to `fd` in one write: the sending
