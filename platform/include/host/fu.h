@@ -32,9 +32,8 @@ extern "C" {
 
 /* One received message, as fu_pmx_recv stores it: 4096 bytes. */
 typedef struct fu_pmx_msg {
-  uint32_t len; /* bytes of data received */
-  unsigned char
-      data[FU_PMX_DATA_MAX]; /* the message's bytes; those past len are left as they were */
+  uint32_t len;                        /* bytes of data received */
+  unsigned char data[FU_PMX_DATA_MAX]; /* the message; bytes past len are left as they were */
 } fu_pmx_msg_t;
 
 /* The feature utility's event record: 12 bytes of header and the message from byte 12 on
