@@ -21,8 +21,8 @@ struct kro_table {
 };
 
 inline kro_hashset_link_t *kro_table_link(const kro_table &t, const void *elem) {
-  return reinterpret_cast<kro_hashset_link_t *>(
-      static_cast<char *>(const_cast<void *>(elem)) + t.link_offset);
+  return reinterpret_cast<kro_hashset_link_t *>(static_cast<char *>(const_cast<void *>(elem)) +
+                                                t.link_offset);
 }
 
 uint32_t kro_table_buckets_for(uint32_t hint) {
@@ -80,24 +80,28 @@ void kro_table_grow(kro_table &t) {
   t.mask = new_n - 1;
 }
 
-// Links elem with hash h at the head of its chain; refuses an element already linked.
-int kro_table_insert(kro_table &t, void *elem, uint32_t h) {
-  void **head = &t.buckets[h & t.mask];
-  for (void *e = *head; e != nullptr; e = kro_table_link(t, e)->next) {
-    if (e == elem) {
-      return KRO_HASHSET_EEXIST;
+// The first element of h's chain for which pred(elem) holds, whatever its cached hash.
+template <typename Pred>
+void *kro_table_find_any(const kro_table &t, uint32_t h, Pred pred) {
+  for (void *e = t.buckets[h & t.mask]; e != nullptr; e = kro_table_link(t, e)->next) {
+    if (pred(e)) {
+      return e;
     }
   }
+  return nullptr;
+}
+
+// Links elem, known not to be linked, with hash h at the head of its chain.
+void kro_table_link_new(kro_table &t, void *elem, uint32_t h) {
   if (t.count >= t.mask + 1) {
     kro_table_grow(t);
-    head = &t.buckets[h & t.mask];
   }
+  void **head = &t.buckets[h & t.mask];
   kro_hashset_link_t *l = kro_table_link(t, elem);
   l->hash = h;
   l->next = *head;
   *head = elem;
   ++t.count;
-  return KRO_HASHSET_OK;
 }
 
 // Unlinks the first element of h's chain for which pred(elem) holds.
@@ -194,7 +198,12 @@ int kro_hashset_insert(kro_hashset_t *set, void *elem) {
   if (set == nullptr || elem == nullptr) {
     return KRO_HASHSET_EINVAL;
   }
-  return kro_table_insert(set->table, elem, set->hash(elem));
+  const uint32_t h = set->hash(elem);
+  if (kro_table_find_any(set->table, h, [elem](void *e) { return e == elem; }) != nullptr) {
+    return KRO_HASHSET_EEXIST;
+  }
+  kro_table_link_new(set->table, elem, h);
+  return KRO_HASHSET_OK;
 }
 
 int kro_hashset_remove(kro_hashset_t *set, void *elem) {
@@ -277,13 +286,22 @@ int kro_hashmap_insert(kro_hashmap_t *map, void *key, void *value) {
   if (map == nullptr || key == nullptr) {
     return KRO_HASHSET_EINVAL;
   }
+  // One pair per key record, as a set holds each element once: a pair keyed by this very
+  // record is left as it is, so one remove always takes the record's pair out.
+  const uint32_t h = map->hash(key);
+  if (kro_table_find_any(map->table, h, [key](void *e) {
+        return static_cast<kro_hashmap_pair_t *>(e)->key == key;
+      }) != nullptr) {
+    return KRO_HASHSET_EEXIST;
+  }
   auto *pair = static_cast<kro_hashmap_pair_t *>(calloc(1, sizeof(kro_hashmap_pair_t)));
   if (pair == nullptr) {
     return KRO_HASHSET_ENOMEM;
   }
   pair->key = key;
   pair->value = value;
-  return kro_table_insert(map->table, pair, map->hash(key));
+  kro_table_link_new(map->table, pair, h);
+  return KRO_HASHSET_OK;
 }
 
 int kro_hashmap_remove(kro_hashmap_t *map, const void *key) {
