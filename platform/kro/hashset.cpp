@@ -122,18 +122,6 @@ void *kro_table_unlink_if(kro_table &t, uint32_t h, Pred pred) {
   return nullptr;
 }
 
-template <typename Pred>
-void *kro_table_find(const kro_table &t, uint32_t h, Pred pred) {
-  for (void *e = t.buckets[h & t.mask]; e != nullptr;) {
-    const kro_hashset_link_t *l = kro_table_link(t, e);
-    if (l->hash == h && pred(e)) {
-      return e;
-    }
-    e = l->next;
-  }
-  return nullptr;
-}
-
 void *kro_table_first_from(const kro_table &t, uint32_t bucket) {
   for (uint32_t i = bucket; i <= t.mask; ++i) {
     if (t.buckets[i] != nullptr) {
@@ -216,13 +204,26 @@ int kro_hashset_remove(kro_hashset_t *set, void *elem) {
   return gone != nullptr ? KRO_HASHSET_OK : KRO_HASHSET_ENOENT;
 }
 
+// Lookups are the hot path: the chain walk compares cached hashes without calling back, and
+// only an equal hash costs a call of the match callback. Written out so that a hit on the
+// first element of a chain runs straight through with as few instructions as possible.
 void *kro_hashset_get(kro_hashset_t *set, const void *key) {
   if (set == nullptr || key == nullptr) {
     return nullptr;
   }
   const uint32_t h = set->hash(key);
-  const kro_hashset_match_fn match = set->match;
-  return kro_table_find(set->table, h, [match, key](void *e) { return match(e, key) != 0; });
+  void *e = set->table.buckets[h & set->table.mask];
+  while (e != nullptr) {
+    const kro_hashset_link_t *l = kro_table_link(set->table, e);
+    if (l->hash == h) {
+      if (set->match(e, key) != 0) {
+        return e;
+      }
+      l = kro_table_link(set->table, e);
+    }
+    e = l->next;
+  }
+  return nullptr;
 }
 
 void *kro_hashset_first(kro_hashset_t *set) {
@@ -332,10 +333,14 @@ kro_hashmap_pair_t *kro_hashmap_get(kro_hashmap_t *map, const void *key) {
     return nullptr;
   }
   const uint32_t h = map->hash(key);
-  const kro_hashset_match_fn match = map->match;
-  return static_cast<kro_hashmap_pair_t *>(kro_table_find(map->table, h, [match, key](void *e) {
-    return match(static_cast<kro_hashmap_pair_t *>(e)->key, key) != 0;
-  }));
+  auto *pair = static_cast<kro_hashmap_pair_t *>(map->table.buckets[h & map->table.mask]);
+  while (pair != nullptr) {
+    if (pair->link.hash == h && map->match(pair->key, key) != 0) {
+      return pair;
+    }
+    pair = static_cast<kro_hashmap_pair_t *>(pair->link.next);
+  }
+  return nullptr;
 }
 
 void *kro_hashmap_value(const kro_hashmap_pair_t *pair) {
