@@ -5,10 +5,10 @@
 #include <pthread.h>
 #include <zel/ipc_reg.h>
 
+#include <cctype>
 #include <cstddef>
 #include <cstring>
 #include <numeric>
-#include <regex>
 #include <string>
 
 #include "ipc_reg/ipc_reg_support.h"
@@ -315,6 +315,29 @@ TEST_F(IpcRegistry, CleanupLeavesLinkedRegistrationsToTheCaller) {
   ASSERT_EQ(zel_ipc_reg_mgr_init(&top_), ZEL_IPC_REG_OK);  // for the fixture's teardown
 }
 
+// Whether a journalled filtered-log call is "_kro_dt_log_filter_adv <flag> 0 0 0 0 0 slot=<slot>
+// <tid>: ZEL-IPC-REG-MGR: <function>: <line>: <code>: <message>\n"; hands back the slot.
+bool log_entry_matches(const std::string &entry, const std::string &flag, const std::string &tid,
+                       const std::string &function, const std::string &code,
+                       const std::string &message, std::string *slot) {
+  const std::string head = "_kro_dt_log_filter_adv ZEL-IPC-REG-MGR." + flag + " 0 0 0 0 0 slot=";
+  if (entry.rfind(head, 0) != 0) {
+    return false;
+  }
+  const size_t slot_end = entry.find(' ', head.size());
+  const std::string fields = tid + ": ZEL-IPC-REG-MGR: " + function + ": ";
+  if (slot_end == std::string::npos || entry.compare(slot_end + 1, fields.size(), fields) != 0) {
+    return false;
+  }
+  size_t line_end = slot_end + 1 + fields.size();
+  const size_t line_begin = line_end;
+  while (line_end < entry.size() && isdigit(static_cast<unsigned char>(entry[line_end])) != 0) {
+    ++line_end;
+  }
+  *slot = entry.substr(head.size(), slot_end - head.size());
+  return line_end > line_begin && entry.substr(line_end) == ": " + code + ": " + message + "\n";
+}
+
 // The filtered log gets the level's flag, four 32-bit zeros, a 64-bit zero, the site's slot,
 // then "<thread>: <module>: <function>: <line>: <code>: " and the message.
 TEST(IpcRegJournal, FilteredLogLayout) {
@@ -356,16 +379,14 @@ TEST(IpcRegJournal, FilteredLogLayout) {
   size_t at = 0;  // rows appear in this order, other calls in between
   for (const Row &row : rows) {
     SCOPED_TRACE(std::string(row.function) + ": " + row.message);
-    const std::regex want("_kro_dt_log_filter_adv ZEL-IPC-REG-MGR\\." + std::string(row.flag) +
-                          " 0 0 0 0 0 slot=(\\S+) " + tid + ": ZEL-IPC-REG-MGR: " + row.function +
-                          ": [0-9]+: " + row.code + ": " + row.message + "\n");
-    std::smatch m;
-    while (at < calls.size() && !std::regex_match(calls[at], m, want)) {
+    std::string slot;
+    while (at < calls.size() && !log_entry_matches(calls[at], row.flag, tid, row.function, row.code,
+                                                   row.message, &slot)) {
       ++at;
     }
     ASSERT_LT(at, calls.size());
     if (std::string(row.message) == "entering") {
-      slots.push_back(m[1]);
+      slots.push_back(slot);
     }
     ++at;
   }
