@@ -15,6 +15,16 @@ using zel_test::FaultScope;
 using zel_test::StdoutCapture;
 using IpcRegFaultRegistry = zel_test::RegistryTest;
 
+// The last filtered-log call is an error-level trace of `function` with code 5 and `message`.
+void expect_code5_error(const char *function, const std::string &message) {
+  const auto calls = zel_test::log_calls();
+  ASSERT_FALSE(calls.empty());
+  const std::string &last = calls.back();
+  EXPECT_EQ(last.rfind("_kro_dt_log_filter_adv ZEL-IPC-REG-MGR.error ", 0), 0u) << last;
+  EXPECT_NE(last.find(std::string(": ") + function + ": "), std::string::npos) << last;
+  EXPECT_NE(last.find(": 5: " + message + "\n"), std::string::npos) << last;
+}
+
 // Every allocation of the set-up in turn: a failed set leaves `map` as it was, a failed map
 // frees the set again; the result is 5 with `inited` 1 either way, and nothing stays live.
 TEST(IpcRegFault, InitFailsCleanlyAtEveryAllocation) {
@@ -26,6 +36,7 @@ TEST(IpcRegFault, InitFailsCleanlyAtEveryAllocation) {
     auto *const sentinel = reinterpret_cast<kro_hashmap_t *>(&top);
     top.map = sentinel;
     StdoutCapture out;
+    kro_probe_journal_start();
     uint32_t rc;
     {
       FaultScope fault(n);
@@ -40,6 +51,7 @@ TEST(IpcRegFault, InitFailsCleanlyAtEveryAllocation) {
     }
     EXPECT_EQ(rc, ZEL_IPC_REG_ENOMEM);
     EXPECT_EQ(top.set, nullptr);
+    expect_code5_error("zel_ipc_reg_mgr_init", "memory allocation failure");
     if (text.find("hashmap create") == std::string::npos) {
       ++set_failures;
       EXPECT_EQ(top.map, sentinel);
@@ -56,26 +68,11 @@ TEST(IpcRegFault, InitFailsCleanlyAtEveryAllocation) {
   EXPECT_EQ(runs, static_cast<unsigned>(set_failures + map_failures));
 }
 
-TEST(IpcRegFault, InitFailureIsAnErrorTraceWithCode5) {
-  zel_ipc_reg_top_t top{};
-  kro_probe_journal_start();
-  {
-    FaultScope fault(1);
-    ASSERT_EQ(zel_ipc_reg_mgr_init(&top), ZEL_IPC_REG_ENOMEM);
-  }
-  const auto calls = zel_test::log_calls();
-  ASSERT_FALSE(calls.empty());
-  EXPECT_NE(calls.back().find("ZEL-IPC-REG-MGR.error "), std::string::npos) << calls.back();
-  EXPECT_NE(calls.back().find(": zel_ipc_reg_mgr_init: "), std::string::npos) << calls.back();
-  EXPECT_NE(calls.back().find(": 5: memory allocation failure\n"), std::string::npos)
-      << calls.back();
-}
-
 TEST(IpcRegFault, NewFailsWithCode5AndNull) {
-  zel_ipc_reg_init_once();  // the module as zel_ipc_reg_mgr_init would have registered it
-  kro_probe_journal_start();
+  zel_ipc_reg_init_once();  // the module, as zel_ipc_reg_mgr_init would have registered it
   const unsigned runs = zel_test::fault_sweep([](unsigned n) {
     StdoutCapture out;
+    kro_probe_journal_start();
     zel_ipc_reg_t *e;
     {
       FaultScope fault(n);
@@ -88,14 +85,10 @@ TEST(IpcRegFault, NewFailsWithCode5AndNull) {
     }
     EXPECT_EQ(e, nullptr);
     EXPECT_EQ(out.take(), "entering\n\nunable to allocate ipc reg\n\n");
+    expect_code5_error("zel_ipc_reg_new", "unable to allocate ipc reg");
     return true;
   });
   EXPECT_EQ(runs, 1u);  // one allocation per registration
-  const auto calls = zel_test::log_calls();
-  ASSERT_GE(calls.size(), 2u);
-  EXPECT_NE(calls[1].find("ZEL-IPC-REG-MGR.error "), std::string::npos) << calls[1];
-  EXPECT_NE(calls[1].find(": zel_ipc_reg_new: "), std::string::npos) << calls[1];
-  EXPECT_NE(calls[1].find(": 5: unable to allocate ipc reg\n"), std::string::npos) << calls[1];
 }
 
 // The add reports nothing when the name map cannot allocate its pair: the registration is then

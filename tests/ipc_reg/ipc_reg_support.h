@@ -16,8 +16,8 @@
 namespace zel_test {
 
 // One registry per test. Registrations made through make() are released at the end, those
-// linked through add() are deleted first; the tables must then be empty and nothing the
-// registry allocated may stay live.
+// linked through add() are deleted first; the tables must then be empty and nothing allocated
+// may stay live.
 class RegistryTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -28,8 +28,7 @@ class RegistryTest : public ::testing::Test {
     for (zel_ipc_reg_t *e : linked_) {
       zel_ipc_reg_delete(&top_, e);
     }
-    EXPECT_EQ(kro_hashset_count(top_.set), 0u);
-    EXPECT_EQ(kro_hashmap_count(top_.map), 0u);
+    EXPECT_EQ(kro_hashset_count(top_.set) + kro_hashmap_count(top_.map), 0u);
     for (zel_ipc_reg_t *e : owned_) {
       zel_ipc_reg_cleanup(e);
     }
@@ -38,17 +37,13 @@ class RegistryTest : public ::testing::Test {
   }
 
   zel_ipc_reg_t *make(const std::string &name, uint32_t id, uint32_t data = 0) {
-    zel_ipc_reg_t *e = zel_ipc_reg_new(name.c_str(), id, data);
-    if (e != nullptr) {
-      owned_.push_back(e);
-    }
-    return e;
+    owned_.push_back(zel_ipc_reg_new(name.c_str(), id, data));
+    return owned_.back();
   }
   zel_ipc_reg_t *add(const std::string &name, uint32_t id) {
-    zel_ipc_reg_t *e = make(name, id);
-    zel_ipc_reg_add(&top_, e);
-    linked_.push_back(e);
-    return e;
+    linked_.push_back(make(name, id));
+    zel_ipc_reg_add(&top_, linked_.back());
+    return linked_.back();
   }
   void del(zel_ipc_reg_t *e) {
     zel_ipc_reg_delete(&top_, e);
@@ -65,8 +60,7 @@ class RegistryTest : public ::testing::Test {
   long live_before_ = 0;
 };
 
-// The journal's entries since kro_probe_journal_start, optionally only those starting with
-// `prefix`.
+// The journal's entries since kro_probe_journal_start that start with `prefix`.
 inline std::vector<std::string> journal(const std::string &prefix = "") {
   std::vector<std::string> out;
   for (size_t i = 0; i < kro_probe_journal_count(); ++i) {
@@ -78,7 +72,6 @@ inline std::vector<std::string> journal(const std::string &prefix = "") {
   return out;
 }
 
-// The filtered-log calls since kro_probe_journal_start.
 inline std::vector<std::string> log_calls() {
   return journal("_kro_dt_log_filter_adv ");
 }
