@@ -99,9 +99,10 @@ ZEL_API void zel_ipc_reg_mgr_cleanup(zel_ipc_reg_top_t *top);
  * thread. */
 ZEL_API zel_ipc_reg_t *zel_ipc_reg_new(const char *name, uint32_t id, uint32_t data);
 
-/* Links `entry` into the id set and the name map of `*top`. NULL `top` or `entry`: error trace
- * (code 26), nothing changed. The tables' results are not reported (see "Equal keys" above
- * for what a repeated add does). `entry` stays the caller's. */
+/* Links `entry` into the id set and the name map of `*top` (the map allocates one pair for it,
+ * which delete frees; the set allocates nothing but its buckets as it grows). NULL `top` or
+ * `entry`: error trace (code 26), nothing changed. The tables' results are not reported (see "Equal
+ * keys" above for what a repeated add does). `entry` stays the caller's. */
 ZEL_API void zel_ipc_reg_add(zel_ipc_reg_top_t *top, zel_ipc_reg_t *entry);
 
 /* Unlinks `entry` from the id set and removes the name pair keyed by it. NULL `top` or

@@ -3,8 +3,8 @@
 // Four-byte keys (ids) go straight to a full-avalanche finaliser, without the length dispatch.
 // Other keys are mixed by a step that multiplies two 64-bit words into 128 bits and xors the
 // halves: keys of up to 16 bytes in one step with their length, longer keys (names) one step
-// per 16 bytes and one for the last 16; then the same finaliser. The result does not depend on the word size: 32-bit
-// targets form the same 128-bit product from 32-bit multiplies.
+// per 16 bytes and one for the last 16; then the same finaliser. The result does not depend on
+// the word size: 32-bit targets form the same 128-bit product from 32-bit multiplies.
 #include <kro/hashset.h>
 
 #include <cstring>
