@@ -80,24 +80,28 @@ void kro_table_grow(kro_table &t) {
   t.mask = new_n - 1;
 }
 
-// Links elem with hash h at the head of its chain; refuses an element already linked.
-int kro_table_insert(kro_table &t, void *elem, uint32_t h) {
-  void **head = &t.buckets[h & t.mask];
-  for (void *e = *head; e != nullptr; e = kro_table_link(t, e)->next) {
-    if (e == elem) {
-      return KRO_HASHSET_EEXIST;
+// The first element of h's chain for which pred(elem) holds, whatever its cached hash.
+template <typename Pred>
+void *kro_table_find_any(const kro_table &t, uint32_t h, Pred pred) {
+  for (void *e = t.buckets[h & t.mask]; e != nullptr; e = kro_table_link(t, e)->next) {
+    if (pred(e)) {
+      return e;
     }
   }
+  return nullptr;
+}
+
+// Links elem, known not to be linked, with hash h at the head of its chain.
+void kro_table_link_new(kro_table &t, void *elem, uint32_t h) {
   if (t.count >= t.mask + 1) {
     kro_table_grow(t);
-    head = &t.buckets[h & t.mask];
   }
+  void **head = &t.buckets[h & t.mask];
   kro_hashset_link_t *l = kro_table_link(t, elem);
   l->hash = h;
   l->next = *head;
   *head = elem;
   ++t.count;
-  return KRO_HASHSET_OK;
 }
 
 // Unlinks the first element of h's chain for which pred(elem) holds.
@@ -114,18 +118,6 @@ void *kro_table_unlink_if(kro_table &t, uint32_t h, Pred pred) {
       return e;
     }
     pp = reinterpret_cast<void **>(&l->next);
-  }
-  return nullptr;
-}
-
-template <typename Pred>
-void *kro_table_find(const kro_table &t, uint32_t h, Pred pred) {
-  for (void *e = t.buckets[h & t.mask]; e != nullptr;) {
-    const kro_hashset_link_t *l = kro_table_link(t, e);
-    if (l->hash == h && pred(e)) {
-      return e;
-    }
-    e = l->next;
   }
   return nullptr;
 }
@@ -194,7 +186,12 @@ int kro_hashset_insert(kro_hashset_t *set, void *elem) {
   if (set == nullptr || elem == nullptr) {
     return KRO_HASHSET_EINVAL;
   }
-  return kro_table_insert(set->table, elem, set->hash(elem));
+  const uint32_t h = set->hash(elem);
+  if (kro_table_find_any(set->table, h, [elem](void *e) { return e == elem; }) != nullptr) {
+    return KRO_HASHSET_EEXIST;
+  }
+  kro_table_link_new(set->table, elem, h);
+  return KRO_HASHSET_OK;
 }
 
 int kro_hashset_remove(kro_hashset_t *set, void *elem) {
@@ -207,13 +204,26 @@ int kro_hashset_remove(kro_hashset_t *set, void *elem) {
   return gone != nullptr ? KRO_HASHSET_OK : KRO_HASHSET_ENOENT;
 }
 
+// Lookups are the hot path: the chain walk compares cached hashes without calling back, and
+// only an equal hash costs a call of the match callback. Written out so that a hit on the
+// first element of a chain runs straight through with as few instructions as possible.
 void *kro_hashset_get(kro_hashset_t *set, const void *key) {
   if (set == nullptr || key == nullptr) {
     return nullptr;
   }
   const uint32_t h = set->hash(key);
-  const kro_hashset_match_fn match = set->match;
-  return kro_table_find(set->table, h, [match, key](void *e) { return match(e, key) != 0; });
+  void *e = set->table.buckets[h & set->table.mask];
+  while (e != nullptr) {
+    const kro_hashset_link_t *l = kro_table_link(set->table, e);
+    if (l->hash == h) {
+      if (set->match(e, key) != 0) {
+        return e;
+      }
+      l = kro_table_link(set->table, e);
+    }
+    e = l->next;
+  }
+  return nullptr;
 }
 
 void *kro_hashset_first(kro_hashset_t *set) {
@@ -277,13 +287,22 @@ int kro_hashmap_insert(kro_hashmap_t *map, void *key, void *value) {
   if (map == nullptr || key == nullptr) {
     return KRO_HASHSET_EINVAL;
   }
+  // One pair per key record, as a set holds each element once: a pair keyed by this very
+  // record is left as it is, so one remove always takes the record's pair out.
+  const uint32_t h = map->hash(key);
+  if (kro_table_find_any(map->table, h, [key](void *e) {
+        return static_cast<kro_hashmap_pair_t *>(e)->key == key;
+      }) != nullptr) {
+    return KRO_HASHSET_EEXIST;
+  }
   auto *pair = static_cast<kro_hashmap_pair_t *>(calloc(1, sizeof(kro_hashmap_pair_t)));
   if (pair == nullptr) {
     return KRO_HASHSET_ENOMEM;
   }
   pair->key = key;
   pair->value = value;
-  return kro_table_insert(map->table, pair, map->hash(key));
+  kro_table_link_new(map->table, pair, h);
+  return KRO_HASHSET_OK;
 }
 
 int kro_hashmap_remove(kro_hashmap_t *map, const void *key) {
@@ -314,10 +333,14 @@ kro_hashmap_pair_t *kro_hashmap_get(kro_hashmap_t *map, const void *key) {
     return nullptr;
   }
   const uint32_t h = map->hash(key);
-  const kro_hashset_match_fn match = map->match;
-  return static_cast<kro_hashmap_pair_t *>(kro_table_find(map->table, h, [match, key](void *e) {
-    return match(static_cast<kro_hashmap_pair_t *>(e)->key, key) != 0;
-  }));
+  auto *pair = static_cast<kro_hashmap_pair_t *>(map->table.buckets[h & map->table.mask]);
+  while (pair != nullptr) {
+    if (pair->link.hash == h && map->match(pair->key, key) != 0) {
+      return pair;
+    }
+    pair = static_cast<kro_hashmap_pair_t *>(pair->link.next);
+  }
+  return nullptr;
 }
 
 void *kro_hashmap_value(const kro_hashmap_pair_t *pair) {

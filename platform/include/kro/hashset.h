@@ -85,8 +85,11 @@ int kro_hashmap_create(kro_hashmap_t **map, uint32_t size_hint, kro_hashset_hash
                        kro_hashset_match_fn match, uint32_t flags);
 /* Releases the map and its pairs (not the keys or values); sets *map to NULL. */
 void kro_hashmap_free(kro_hashmap_t **map);
-/* Adds the pair (key, value). Pairs with equal keys may coexist as in a set. Returns 0, or
- * KRO_HASHSET_ENOMEM when the pair cannot be allocated (nothing added). */
+/* Adds the pair (key, value), calling the hash callback once. Pairs with equal keys may
+ * coexist as in a set, but each key record keys one pair at most: a second insertion with the
+ * same key record (compared by address) is refused with KRO_HASHSET_EEXIST and changes
+ * nothing. Returns 0, or KRO_HASHSET_ENOMEM when the pair cannot be allocated (nothing
+ * added). */
 int kro_hashmap_insert(kro_hashmap_t *map, void *key, void *value);
 /* Removes one pair whose key matches `key`: the pair whose key is `key` itself when there is
  * one, else the newest matching pair. KRO_HASHSET_ENOENT when none matches. */
