@@ -1,0 +1,48 @@
+// The channels' process-wide name service and channel mutex.
+//
+// Double-checked creation: a published service is read with one acquire load; callers that
+// find none serialise on a private creation mutex, and the first of them creates. Unlike a
+// once-control, a failed creation publishes nothing, so the next call tries again. The channel
+// mutex is initialised by the first creation attempt that gets that far and never again, and
+// it is initialised before the service is published, so every caller that sees the service
+// also sees an initialised mutex.
+#include <atomic>
+
+#include <kro/thread.h>
+
+#include "lib/lib_internal.h"
+
+namespace {
+
+pthread_mutex_t lib_itc_create_mutex = PTHREAD_MUTEX_INITIALIZER;
+bool lib_itc_channel_mutex_ready = false;  // guarded by lib_itc_create_mutex
+pthread_mutex_t lib_itc_channel_mutex;
+std::atomic<lib_name_service_t *> lib_itc_service{nullptr};
+
+}  // namespace
+
+lib_name_service_t *lib_itc_name_service_get() {
+  lib_name_service_t *service = lib_itc_service.load(std::memory_order_acquire);
+  if (service != nullptr) {
+    return service;
+  }
+  pthread_mutex_lock(&lib_itc_create_mutex);
+  service = lib_itc_service.load(std::memory_order_relaxed);
+  if (service == nullptr) {
+    if (!lib_itc_channel_mutex_ready) {
+      lib_itc_channel_mutex_ready = kro_thread_mutex_init(&lib_itc_channel_mutex, nullptr) == 0;
+    }
+    if (lib_itc_channel_mutex_ready) {
+      service = lib_name_service_create();
+      if (service != nullptr) {
+        lib_itc_service.store(service, std::memory_order_release);
+      }
+    }
+  }
+  pthread_mutex_unlock(&lib_itc_create_mutex);
+  return service;
+}
+
+pthread_mutex_t *lib_itc_mutex() {
+  return &lib_itc_channel_mutex;
+}
