@@ -1,5 +1,7 @@
 // Notifications of opens and closes: posting, collecting the peers under the channel mutex and
 // taking the posting phases in turn.
+#include <pthread.h>
+
 #include <cstdlib>
 
 #include "lib/itc_internal.h"
@@ -8,23 +10,30 @@ namespace {
 
 // Tickets of the posting phases: drawn under the channel mutex, so their order is the order of
 // the critical sections that collected the peers; a phase posts when `serving` reaches its
-// ticket and hands over by raising it. Unsigned wrap-around is harmless (only equality).
+// ticket and hands over by raising it. Unsigned wrap-around is harmless (only equality). A
+// phase that must wait sleeps on a condition variable whose mutex guards nothing but the wait
+// (it is never held while posting, nor together with the channel mutex).
 std::atomic<uint32_t> lib_itc_ticket_next{0};
 std::atomic<uint32_t> lib_itc_ticket_serving{0};
+pthread_mutex_t lib_itc_ticket_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t lib_itc_ticket_cond = PTHREAD_COND_INITIALIZER;
 
 void lib_itc_ticket_wait(uint32_t ticket) {
-  for (;;) {
-    const uint32_t now = lib_itc_ticket_serving.load(std::memory_order_acquire);
-    if (now == ticket) {
-      return;
-    }
-    lib_itc_ticket_serving.wait(now, std::memory_order_acquire);
+  if (lib_itc_ticket_serving.load(std::memory_order_acquire) == ticket) {
+    return;
   }
+  pthread_mutex_lock(&lib_itc_ticket_mutex);
+  while (lib_itc_ticket_serving.load(std::memory_order_acquire) != ticket) {
+    pthread_cond_wait(&lib_itc_ticket_cond, &lib_itc_ticket_mutex);
+  }
+  pthread_mutex_unlock(&lib_itc_ticket_mutex);
 }
 
 void lib_itc_ticket_done() {
   lib_itc_ticket_serving.fetch_add(1, std::memory_order_release);
-  lib_itc_ticket_serving.notify_all();
+  pthread_mutex_lock(&lib_itc_ticket_mutex);
+  pthread_cond_broadcast(&lib_itc_ticket_cond);
+  pthread_mutex_unlock(&lib_itc_ticket_mutex);
 }
 
 }  // namespace

@@ -91,18 +91,25 @@
  * delivery state without a lock and must run on the channel's own thread: inside its callback,
  * or on that thread between dispatch steps. lib_itc_send takes the channel mutex only for the
  * lookup of its destination and a reference on it; everything else is outside. Inside a
- * callback, lib_itc_receive and lib_itc_get_connection_event of the channel being delivered,
- * and lib_itc_alloc and lib_itc_free of a handle whose name the calling thread has checked
- * before and which no close has unbound since, take no lock.
+ * callback, lib_itc_receive and lib_itc_get_connection_event of the channel being delivered
+ * take no lock (they find its record through the handler; once the channel is closed they
+ * return 22, even if a newer channel has taken the same handle meanwhile). lib_itc_alloc and
+ * lib_itc_free take no lock for a name id the calling thread has already seen bound, as long
+ * as no name has been released since.
  *
- * Memory at rest, per open channel, beyond the name's entry (sizes for 32-bit / 64-bit Linux):
- * the record 72 / 112 bytes, its watched queue 196 / 240 bytes (two cache-line paddings
- * included), and its share of the name's entry: one slot pointer (4 / 8 bytes; the slot array
- * grows by 3 slots at a time) and, for the first channel of a name, the entry (24 / 48 bytes),
- * its slot array record (20 / 32) and 3 slots (12 / 24), plus two hash-set buckets' worth of
- * growth amortised. A data message costs its payload plus the header, 16 / 24 bytes, in one
- * malloc block; a notification is a header alone. Nothing is allocated per send. A closed
- * channel holds a dispatch-manager timer until its clean-up has run.
+ * lib_itc_free needs a bound name: a message received on a channel must be freed while some
+ * channel of its name is still open (or handed back through a send); once the name is
+ * released, it can no longer be given back through lib_itc_free.
+ *
+ * Memory at rest, per open channel (32-bit / 64-bit Linux, before the allocator's own
+ * per-block overhead): the record, 60 / 96 bytes, and its watched queue, 196 / 256 bytes (two
+ * cache-line paddings included), two blocks; a slot pointer in the name's slot array, 4 / 8
+ * bytes (the array grows 3 slots at a time and never shrinks); and, shared by all channels of
+ * a name, the name's entry, 32 / 64 bytes, its slot array record, 20 / 32 bytes, and its first
+ * 3 slots, 12 / 24 bytes, three blocks. A data message costs its payload plus the header,
+ * 16 / 24 bytes, in one malloc block; a notification is a header alone. Nothing else is
+ * allocated per message, nor per send. A closed channel holds a dispatch-manager timer
+ * (52 / 80 bytes) until its clean-up has run.
  *
  * Left open by the contract and settled here:
  * - Open that fails after binding (record, queue creation or registration) releases what it

@@ -3,10 +3,19 @@
 // the message being delivered (current) and the message set aside (pending).
 #include <zel/itc.h>
 
+#include <cstddef>
 #include <functional>
 
 #include "itc_test_util.h"
 #include "support/fault.h"
+
+// The public records' layout, fixed on both word sizes.
+static_assert(sizeof(lib_itc_attr_t) == 12 && offsetof(lib_itc_attr_t, queue_len) == 4 &&
+              offsetof(lib_itc_attr_t, max_bytes) == 8);
+static_assert(offsetof(lib_itc_msg_hdr_t, type) == sizeof(void *) &&
+              offsetof(lib_itc_msg_hdr_t, handle) == sizeof(void *) + 4 &&
+              offsetof(lib_itc_msg_hdr_t, length) == sizeof(void *) + 8);
+static_assert(sizeof(lib_itc_msg_hdr_t) == (sizeof(void *) == 4 ? 16 : 24));
 
 namespace {
 
