@@ -48,8 +48,8 @@ bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle) {
   if (seen.id == id && seen.unbinds == lib_itc_unbind_count.load(std::memory_order_acquire)) {
     return true;
   }
-  bool bound;
-  uint32_t unbinds;
+  bool bound = false;
+  uint32_t unbinds = 0;
   {
     lib_itc_lock lock;
     bound = lib_name_service_entry_of(service, handle) != nullptr;
@@ -98,8 +98,10 @@ int lib_itc_channel_create(const char *name, uint32_t handle, const lib_itc_attr
   qattr.drain = lib_itc_queue_drain;
   int rc = kro_dm_watched_queue_create(name, handle, &qattr, &rec->queue);
   if (rc == 0) {
-    rc = kro_dm_watched_queue_register(dm, rec->queue, lib_itc_queue_handler,
-                                       reinterpret_cast<void *>(static_cast<uintptr_t>(handle)));
+    // The handle itself is the cookie: the handler finds the record by it.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
+    void *cookie_handle = reinterpret_cast<void *>(static_cast<uintptr_t>(handle));
+    rc = kro_dm_watched_queue_register(dm, rec->queue, lib_itc_queue_handler, cookie_handle);
     if (rc != 0) {
       kro_dm_watched_queue_destroy(&rec->queue);
     }
