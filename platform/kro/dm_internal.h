@@ -153,7 +153,11 @@ struct kro_dm {
   uint32_t ev_count = 0;
   kro_dm_ready ev[kro_dm_max_events] = {};
 
+  std::atomic<uint32_t> spin_ns{KRO_DM_SPIN_DEFAULT_NS};  // any thread may set it
+  uint64_t last_gap = kro_dm_never;                       // ns the owner last idled (sleep or spin)
+
   kro_dm_counter sleeps;
+  kro_dm_counter spins;
   kro_dm_counter polls;
   kro_dm_counter dispatches;
   kro_dm_counter queue_runs;

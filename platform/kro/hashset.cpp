@@ -21,8 +21,8 @@ struct kro_table {
 };
 
 inline kro_hashset_link_t *kro_table_link(const kro_table &t, const void *elem) {
-  return reinterpret_cast<kro_hashset_link_t *>(
-      static_cast<char *>(const_cast<void *>(elem)) + t.link_offset);
+  return reinterpret_cast<kro_hashset_link_t *>(static_cast<char *>(const_cast<void *>(elem)) +
+                                                t.link_offset);
 }
 
 uint32_t kro_table_buckets_for(uint32_t hint) {

@@ -43,13 +43,17 @@ void *kro_queue_dequeue(kro_queue_t *q) {
   return l;
 }
 
-void *kro_queue_peek_head(const kro_queue_t *q) { return q == nullptr ? nullptr : q->head; }
+void *kro_queue_peek_head(const kro_queue_t *q) {
+  return q == nullptr ? nullptr : q->head;
+}
 
 void *kro_queue_get_next(const void *elem) {
   return elem == nullptr ? nullptr : static_cast<const kro_queue_link_t *>(elem)->next;
 }
 
-uint32_t kro_queue_size(const kro_queue_t *q) { return q == nullptr ? 0 : q->size; }
+uint32_t kro_queue_size(const kro_queue_t *q) {
+  return q == nullptr ? 0 : q->size;
+}
 
 int kro_queue_unqueue(kro_queue_t *q, void *elem) {
   if (q == nullptr || elem == nullptr) {
@@ -75,6 +79,8 @@ int kro_queue_unqueue(kro_queue_t *q, void *elem) {
   return 0;
 }
 
-int kro_queue_empty(const kro_queue_t *q) { return q == nullptr || q->head == nullptr ? 1 : 0; }
+int kro_queue_empty(const kro_queue_t *q) {
+  return q == nullptr || q->head == nullptr ? 1 : 0;
+}
 
 }  // extern "C"

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <thread>
 
+#include "support/fault.h"
+
 namespace dm_test {
 
 // A clock that moves only when the test says so.
@@ -67,6 +69,27 @@ class Loop {
   kro_dm_t *dm_;
   std::thread thread_;
 };
+
+// Fails each allocation of `call` in turn (it returns a result code): a failed allocation must
+// give `enomem` with nothing left allocated; after the successful run `undo` releases what the
+// call made. Returns how many allocations the call makes.
+template <typename Call, typename Undo>
+unsigned sweep(Call call, Undo undo, int enomem = KRO_DM_ENOMEM) {
+  return zel_test::fault_sweep([&](unsigned n) {
+    int rc;
+    bool fired;
+    {
+      zel_test::FaultScope scope(n);
+      rc = call();
+      fired = zel_test::fault_fired();
+    }
+    EXPECT_EQ(rc, fired ? enomem : 0) << "failing allocation " << n;
+    if (!fired) {
+      undo();
+    }
+    return fired;
+  });
+}
 
 inline kro_dm_stats_t stats(kro_dm_t *dm) {
   kro_dm_stats_t s{};

@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "dm_test_util.h"
-#include "support/fault.h"
 
 using dm_test::Dm;
 using dm_test::Msg;
@@ -198,25 +197,13 @@ TEST(DmFd, FirstRegistrationFailsCleanlyRearmDoesNotAllocate) {
   Dm d;
   Pipe p;
   Reader r;
-  auto sweep = [&](bool deregister_after) {
-    return zel_test::fault_sweep([&](unsigned n) {
-      int rc;
-      bool fired;
-      {
-        zel_test::FaultScope scope(n);
-        rc = kro_dm_fd_register(d.dm, p.fd[0], KRO_DM_FD_READABLE, Reader::handler, &r);
-        fired = zel_test::fault_fired();
-      }
-      EXPECT_EQ(rc, fired ? KRO_DM_ENOMEM : 0);
-      if (!fired && deregister_after) {
-        EXPECT_EQ(kro_dm_fd_deregister(d.dm, p.fd[0]), 0);
-      }
-      return fired;
-    });
+  auto reg = [&] {
+    return kro_dm_fd_register(d.dm, p.fd[0], KRO_DM_FD_READABLE, Reader::handler, &r);
   };
-  EXPECT_EQ(sweep(true), 1u);  // the record
-  ASSERT_EQ(kro_dm_fd_register(d.dm, p.fd[0], KRO_DM_FD_READABLE, Reader::handler, &r), 0);
-  EXPECT_EQ(sweep(false), 0u);  // re-arming allocates nothing
+  EXPECT_EQ(dm_test::sweep(reg, [&] { EXPECT_EQ(kro_dm_fd_deregister(d.dm, p.fd[0]), 0); }),
+            1u);  // the record
+  ASSERT_EQ(reg(), 0);
+  EXPECT_EQ(dm_test::sweep(reg, [] {}), 0u);  // re-arming allocates nothing
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "dm_test_util.h"
-#include "support/fault.h"
 
 using dm_test::Dm;
 using dm_test::FakeClock;
@@ -179,54 +178,26 @@ TEST_F(MgdTimer, InvalidArguments) {
   EXPECT_EQ(kro_mgd_timer_leaf_free(&l), 0);  // NULL handle: nothing to do
 }
 
-// Runs `op` under the sweep; `op` returns whether it got its object and cleans up after itself.
-template <typename Op>
-unsigned sweep(Op op) {
-  return zel_test::fault_sweep([&](unsigned n) {
-    bool ok;
-    bool fired;
-    {
-      zel_test::FaultScope scope(n);
-      ok = op(true);
-      fired = zel_test::fault_fired();
-    }
-    EXPECT_EQ(ok, !fired);
-    op(false);
-    return fired;
-  });
-}
-
 TEST(MgdTimerFaults, EveryAllocationFailsCleanly) {
   Dm d;
   kro_mgd_timer_tree_t *tree = nullptr;
-  EXPECT_EQ(sweep([&](bool make) {
-              if (make) {
-                return (tree = kro_mgd_timer_tree_alloc()) != nullptr;
-              }
-              return kro_mgd_timer_tree_free(&tree) == 0;
-            }),
+  auto rc = [](const void *made) { return made != nullptr ? 0 : KRO_MGD_TIMER_ENOMEM; };
+  EXPECT_EQ(dm_test::sweep([&] { return rc(tree = kro_mgd_timer_tree_alloc()); },
+                           [&] { kro_mgd_timer_tree_free(&tree); }),
             2u);  // the tree, its leaf heap
   tree = kro_mgd_timer_tree_alloc();
-  EXPECT_EQ(sweep([&](bool make) {
-              if (make) {
-                return kro_mgd_timer_attach_xdm(tree, d.dm, on_expiry) == 0;
-              }
-              kro_mgd_timer_detach_xdm(tree);
-              return true;
-            }),
-            1u);  // the manager timer
-  std::vector<kro_mgd_timer_leaf_t *> leaves(8);
+  EXPECT_EQ(dm_test::sweep([&] { return kro_mgd_timer_attach_xdm(tree, d.dm, on_expiry); },
+                           [&] { kro_mgd_timer_detach_xdm(tree); }),
+            1u);                                  // the manager timer
+  std::vector<kro_mgd_timer_leaf_t *> leaves(8);  // fill the leaf heap's first room
   for (kro_mgd_timer_leaf_t *&l : leaves) {
     l = kro_mgd_timer_leaf_alloc(tree, 0, KRO_MGD_TIMER_ONESHOT, nullptr);
   }
   kro_mgd_timer_leaf_t *ninth = nullptr;
-  EXPECT_EQ(sweep([&](bool make) {
-              if (make) {
-                return (ninth = kro_mgd_timer_leaf_alloc(tree, 0, 1, nullptr)) != nullptr;
-              }
-              return kro_mgd_timer_leaf_free(&ninth) == 0;
-            }),
-            2u);  // heap growth, the leaf
+  EXPECT_EQ(
+      dm_test::sweep([&] { return rc(ninth = kro_mgd_timer_leaf_alloc(tree, 0, 1, nullptr)); },
+                     [&] { kro_mgd_timer_leaf_free(&ninth); }),
+      2u);  // heap growth, the leaf
   for (kro_mgd_timer_leaf_t *&l : leaves) {
     kro_mgd_timer_leaf_free(&l);
   }

@@ -244,7 +244,8 @@ TEST(DmQueueThreads, PingPongBetweenTwoManagers) {
   Pong pb;
   pa.peer = qb;
   pb.peer = qa;
-  pa.last = pb.last = 2 * kRounds;  // whoever sees it stops; the other is stopped below
+  pa.last = pb.last = 2 * kRounds;             // whoever sees it stops; the other is stopped below
+  ASSERT_EQ(kro_dm_set_spin(a.dm, 50000), 0);  // one side spins before sleeping, one not
   ASSERT_EQ(kro_dm_watched_queue_register(a.dm, qa, Pong::handler, &pa), 0);
   ASSERT_EQ(kro_dm_watched_queue_register(b.dm, qb, Pong::handler, &pb), 0);
   Msg msg{};

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "dm_test_util.h"
-#include "support/fault.h"
 
 using dm_test::Dm;
 using dm_test::FakeClock;
@@ -229,24 +228,14 @@ TEST(DmTimer, RegisterFailsCleanlyOnEveryAllocation) {
     for (kro_dm_timer_t *&t : before) {
       ASSERT_EQ(kro_dm_timer_register(d.dm, &t, Repeater::handler, &cookie), 0);
     }
-    const unsigned allocations = zel_test::fault_sweep([&](unsigned n) {
-      kro_dm_timer_t *t = nullptr;
-      int rc;
-      bool fired;
-      {
-        zel_test::FaultScope scope(n);
-        rc = kro_dm_timer_register(d.dm, &t, Repeater::handler, &cookie);
-        fired = zel_test::fault_fired();
-      }
-      if (fired) {
-        EXPECT_EQ(rc, KRO_DM_ENOMEM);
-        EXPECT_EQ(t, nullptr);
-      } else {
-        EXPECT_EQ(rc, 0);
-        EXPECT_EQ(kro_dm_timer_register(d.dm, &t, nullptr, nullptr), 0);
-      }
-      return fired;
-    });
+    kro_dm_timer_t *t = nullptr;
+    const unsigned allocations = dm_test::sweep(
+        [&] {
+          const int rc = kro_dm_timer_register(d.dm, &t, Repeater::handler, &cookie);
+          EXPECT_TRUE(rc == 0 || t == nullptr);
+          return rc;
+        },
+        [&] { EXPECT_EQ(kro_dm_timer_register(d.dm, &t, nullptr, nullptr), 0); });
     EXPECT_EQ(allocations, r.allocations);
   }
 }
