@@ -1,0 +1,195 @@
+// Channel records: lookups, creation, references, the clean-up proper and the orphan list.
+#include <cstdlib>
+#include <new>
+
+#include "lib/itc_internal.h"
+
+namespace {
+
+// Raised (under the channel mutex) each time a release frees a whole name entry, i.e. each
+// time a name id stops being bound. Ids are never reused and at most 65535 are ever handed
+// out, so it never wraps. A thread that saw id X bound at count E knows X is still bound
+// while the count is E.
+std::atomic<uint32_t> lib_itc_unbind_count{0};
+
+struct lib_itc_bound_cache {
+  uint32_t id;
+  uint32_t unbinds;
+};
+// Initial-exec: the hot paths read these once per call; the model costs a load instead of a
+// __tls_get_addr call, and the library needs only these few bytes of static TLS.
+#define LIB_ITC_TLS __attribute__((tls_model("initial-exec")))
+thread_local lib_itc_bound_cache lib_itc_bound_seen LIB_ITC_TLS = {0, 0};
+thread_local lib_itc_delivery lib_itc_delivering LIB_ITC_TLS = {0, nullptr};
+
+// Closed records whose clean-up timer could not be created or armed, and how many there are
+// (read without the mutex, so that handlers of closed channels skip the list when it is empty).
+lib_itc_channel_t *lib_itc_orphans = nullptr;
+std::atomic<uint32_t> lib_itc_orphan_count{0};
+
+// Drain callback of every channel queue: frees what a destroyed queue still holds.
+void lib_itc_queue_drain(void *msg, void * /*arg*/) {
+  lib_itc_msg_discard(static_cast<lib_itc_msg_hdr_t *>(msg));
+}
+
+}  // namespace
+
+lib_itc_channel_t *lib_itc_slot_record(lib_name_service_t *service, uint32_t handle) {
+  void **slot = lib_name_service_slot(service, handle);
+  return slot != nullptr ? lib_itc_record_in(*slot) : nullptr;
+}
+
+bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle) {
+  const uint32_t id = lib_name_service_handle_id(handle);
+  if (id == 0) {
+    return false;
+  }
+  lib_itc_bound_cache &seen = lib_itc_bound_seen;
+  if (seen.id == id && seen.unbinds == lib_itc_unbind_count.load(std::memory_order_acquire)) {
+    return true;
+  }
+  bool bound = false;
+  uint32_t unbinds = 0;
+  {
+    lib_itc_lock lock;
+    bound = lib_name_service_entry_of(service, handle) != nullptr;
+    unbinds = lib_itc_unbind_count.load(std::memory_order_relaxed);
+  }
+  if (bound) {
+    seen = {id, unbinds};
+  }
+  return bound;
+}
+
+void lib_itc_note_release(lib_name_service_t *service, uint32_t handle) {
+  if (lib_name_service_entry_of(service, handle) == nullptr) {
+    lib_itc_unbind_count.fetch_add(1, std::memory_order_release);
+  }
+}
+
+lib_itc_channel_t *lib_itc_own_record(lib_name_service_t *service, uint32_t handle) {
+  // Inside a callback its own handle means the channel being delivered, even when a reopened
+  // channel has taken the same handle since a close: that one may belong to another thread.
+  const lib_itc_delivery &d = lib_itc_delivering;
+  if (d.rec != nullptr && d.handle == handle) {
+    return d.rec->closed.load(std::memory_order_acquire) ? nullptr : d.rec;
+  }
+  lib_itc_lock lock;
+  return lib_itc_slot_record(service, handle);
+}
+
+lib_itc_delivery lib_itc_delivery_swap(lib_itc_delivery next) {
+  const lib_itc_delivery prev = lib_itc_delivering;
+  lib_itc_delivering = next;
+  return prev;
+}
+
+int lib_itc_channel_create(const char *name, uint32_t handle, const lib_itc_attr_t &attr,
+                           kro_dm_t *dm, lib_itc_callback_t callback, void *cookie,
+                           lib_itc_channel_t **out) {
+  void *mem = calloc(1, sizeof(lib_itc_channel_t));
+  if (mem == nullptr) {
+    return LIB_ITC_ENOMEM;
+  }
+  auto *rec = new (mem) lib_itc_channel_t();
+  kro_dm_watched_queue_attr_t qattr;
+  kro_dm_watched_queue_attr_init(&qattr);
+  qattr.max_len = attr.queue_len;
+  qattr.drain = lib_itc_queue_drain;
+  int rc = kro_dm_watched_queue_create(name, handle, &qattr, &rec->queue);
+  if (rc == 0) {
+    // The handle itself is the cookie: the handler finds the record by it.
+    // NOLINTNEXTLINE(performance-no-int-to-ptr)
+    void *cookie_handle = reinterpret_cast<void *>(static_cast<uintptr_t>(handle));
+    rc = kro_dm_watched_queue_register(dm, rec->queue, lib_itc_queue_handler, cookie_handle);
+    if (rc != 0) {
+      kro_dm_watched_queue_destroy(&rec->queue);
+    }
+  }
+  if (rc != 0) {
+    rec->~lib_itc_channel_t();
+    free(rec);
+    return rc;
+  }
+  rec->max_bytes = attr.max_bytes;
+  rec->dm = dm;
+  rec->callback = callback;
+  rec->cookie = cookie;
+  rec->refs.store(1, std::memory_order_relaxed);
+  rec->wake.type = lib_itc_msg_wake;
+  *out = rec;
+  return 0;
+}
+
+void lib_itc_channel_unref(lib_itc_channel_t *rec) {
+  if (rec->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+    return;
+  }
+  // The queue is unregistered (see the lifetime rules), so destroy drains it and can only fail
+  // on a queue that is already gone; the record is then kept rather than freed under a queue.
+  if (kro_dm_watched_queue_destroy(&rec->queue) == 0) {
+    rec->~lib_itc_channel_t();
+    free(rec);
+  }
+}
+
+int lib_itc_channel_retire(lib_itc_channel_t *rec) {
+  const int rc = kro_dm_watched_queue_deregister(rec->dm, rec->queue);
+  if (rc != 0) {
+    return rc;
+  }
+  if (rec->pending != nullptr) {
+    lib_itc_msg_discard(rec->pending);
+    rec->pending = nullptr;
+  }
+  if (rec->current != nullptr) {
+    lib_itc_msg_discard(rec->current);
+    rec->current = nullptr;
+  }
+  lib_itc_channel_unref(rec);
+  return 0;
+}
+
+void lib_itc_msg_discard(lib_itc_msg_hdr_t *msg) {
+  if (msg->type != lib_itc_msg_wake) {
+    free(msg);
+  }
+}
+
+void lib_itc_orphan_add(lib_itc_channel_t *rec) {
+  lib_itc_lock lock;
+  rec->orphan_next = lib_itc_orphans;
+  lib_itc_orphans = rec;
+  lib_itc_orphan_count.fetch_add(1, std::memory_order_release);
+}
+
+void lib_itc_queue_closed_drain(kro_dm_watched_queue_t *queue) {
+  void *msg = nullptr;
+  while (kro_dm_watched_queue_dequeue(queue, &msg) == 0) {
+    lib_itc_msg_discard(static_cast<lib_itc_msg_hdr_t *>(msg));
+  }
+  if (lib_itc_orphan_count.load(std::memory_order_acquire) == 0) {
+    return;
+  }
+  lib_itc_channel_t *found = nullptr;
+  {
+    lib_itc_lock lock;
+    for (lib_itc_channel_t **p = &lib_itc_orphans; *p != nullptr; p = &(*p)->orphan_next) {
+      if ((*p)->queue == queue) {
+        found = *p;
+        *p = found->orphan_next;
+        found->orphan_next = nullptr;
+        lib_itc_orphan_count.fetch_sub(1, std::memory_order_relaxed);
+        break;
+      }
+    }
+  }
+  if (found != nullptr) {
+    lib_itc_channel_retire(found);
+  }
+}
+
+void lib_itc_wake_requeue(lib_itc_channel_t *rec, lib_itc_msg_hdr_t *msg) {
+  // A failure means the queue is full, so the handler runs anyway and finds the orphan.
+  kro_dm_watched_queue_enqueue(rec->queue, msg);
+}

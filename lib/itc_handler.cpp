@@ -1,0 +1,64 @@
+// The queue handler: delivers a channel's messages to its callback, one call per message, in
+// one run of the dispatch step.
+#include <cstdlib>
+
+#include "lib/itc_internal.h"
+
+void lib_itc_queue_handler(kro_dm_watched_queue_t *queue, void *cookie) {
+  const auto handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(cookie));
+  lib_name_service_t *service = lib_itc_name_service_get();
+  if (service == nullptr) {
+    return;
+  }
+  lib_itc_channel_t *rec = nullptr;
+  {
+    lib_itc_lock lock;
+    rec = lib_itc_slot_record(service, handle);
+  }
+  // A closed channel's handle is unknown, or names a newer channel of the same slot whose
+  // queue is another: either way what this queue holds is for nobody.
+  if (rec == nullptr || rec->queue != queue) {
+    lib_itc_queue_closed_drain(queue);
+    return;
+  }
+  const lib_itc_delivery outer = lib_itc_delivery_swap({handle, rec});
+  for (;;) {
+    if (rec->closed.load(std::memory_order_acquire)) {
+      // Closed meanwhile (by the callback or another thread): deliver nothing more. The record
+      // stays valid until the clean-up, which runs on this thread, perhaps right here.
+      lib_itc_delivery_swap(outer);
+      lib_itc_queue_closed_drain(queue);
+      return;
+    }
+    lib_itc_msg_hdr_t *msg = rec->pending;
+    if (msg != nullptr) {
+      rec->pending = nullptr;
+    } else {
+      void *m = nullptr;
+      if (kro_dm_watched_queue_dequeue(queue, &m) != 0) {
+        break;
+      }
+      msg = static_cast<lib_itc_msg_hdr_t *>(m);
+    }
+    const uint32_t type = msg->type;
+    if (type == lib_itc_msg_wake) {
+      continue;  // queued after `closed` was set: the check above takes over
+    }
+    if (type == LIB_ITC_MSG_CONNECTED || type == LIB_ITC_MSG_DISCONNECT) {
+      rec->callback(handle, type, rec->cookie);
+      free(msg);
+      continue;
+    }
+    rec->current = msg;
+    rec->callback(handle, type, rec->cookie);
+    if (rec->current == msg) {
+      // Not taken: discarded, and a data message gives its bytes back.
+      rec->current = nullptr;
+      if (type == LIB_ITC_MSG_DATA) {
+        rec->queued_bytes.fetch_sub(msg->length, std::memory_order_relaxed);
+      }
+      free(msg);
+    }
+  }
+  lib_itc_delivery_swap(outer);
+}

@@ -1,0 +1,182 @@
+// Internals of the inter-thread channels shared by lib/itc_*.cpp.
+//
+// Record lifetime. A channel record carries a reference count. Open creates it with one
+// reference, the channel's own, which the clean-up drops on the channel's own thread after
+// deregistering the queue. Every thread that uses a record it found in a slot outside the
+// channel mutex (a sender, a poster of notifications) takes a reference under the mutex, while
+// the slot still holds the record, and drops it when done. Whoever drops the last reference
+// destroys the queue (freeing the messages left in it) and frees the record. The queue is
+// deregistered before the channel's own reference goes, so the last reference is only ever
+// dropped on an unregistered queue, which any thread may destroy.
+//
+// The channel's own thread (the one that runs its dispatch manager) reads the record it finds
+// in a slot without a reference: only that thread drops the channel's own reference, so the
+// record outlives whatever that thread is doing with it.
+//
+// Locking. The channel mutex (lib_itc_lock) guards every name-service lookup, binding, release
+// and slot store, the `closed` flag's setting and the orphan list. It is never held across a
+// platform queue or timer call, an allocation of a message or a callback.
+#ifndef ZEL_LIB_ITC_INTERNAL_H_
+#define ZEL_LIB_ITC_INTERNAL_H_
+
+#include <kro/dm.h>
+#include <zel/itc.h>
+#include <zel/name_service.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "lib/lib_internal.h"
+
+// The message embedded in each record that wakes the queue handler of a closed channel whose
+// clean-up timer failed. Never handed to a callback, never freed on its own.
+constexpr uint32_t lib_itc_msg_wake = 0;
+
+// The channel record. The first eight fields are the documented record, in order.
+struct lib_itc_channel_t {
+  kro_dm_watched_queue_t *queue;       // the channel's queue of incoming messages
+  uint32_t max_bytes;                  // receive budget
+  std::atomic<uint32_t> queued_bytes;  // payload bytes accepted and not yet out of the queue
+  kro_dm_t *dm;                        // the queue and the clean-up timer are registered here
+  lib_itc_callback_t callback;
+  void *cookie;
+  lib_itc_msg_hdr_t *current;  // being delivered to the callback (own thread only)
+  lib_itc_msg_hdr_t *pending;  // set aside by a receive of the other kind (own thread only)
+  // Beyond the documented fields.
+  std::atomic<uint32_t> refs;      // see "Record lifetime"
+  std::atomic<bool> closed;        // set under the mutex when close takes the record out
+  lib_itc_channel_t *orphan_next;  // link in the orphan list (under the mutex)
+  lib_itc_msg_hdr_t wake;          // type lib_itc_msg_wake
+};
+
+// What a slot holds from its binding until open stores the record: not NULL, so that the name
+// service can't hand the same shared slot to a concurrent binding of the name (it reuses slots
+// holding NULL), and not a record either: every reader maps it to "no record".
+inline char lib_itc_slot_reserved_tag;
+inline void *lib_itc_slot_reserved() {
+  return &lib_itc_slot_reserved_tag;
+}
+
+// The record a slot's value stands for, or nullptr (empty or reserved slot).
+inline lib_itc_channel_t *lib_itc_record_in(void *value) {
+  return value == lib_itc_slot_reserved() ? nullptr : static_cast<lib_itc_channel_t *>(value);
+}
+
+// The record in slot `slot` of an entry, or nullptr. Call with the channel mutex held.
+inline lib_itc_channel_t *lib_itc_entry_record(const lib_name_service_entry_t *entry,
+                                               uint32_t slot) {
+  const lib_array_t *slots = entry->slots;
+  return slot < slots->used ? lib_itc_record_in(slots->data[slot]) : nullptr;
+}
+
+inline lib_itc_msg_hdr_t *lib_itc_hdr_of(void *payload) {
+  return static_cast<lib_itc_msg_hdr_t *>(payload) - 1;
+}
+
+inline void *lib_itc_payload_of(lib_itc_msg_hdr_t *hdr) {
+  return hdr + 1;
+}
+
+// ---- Lookups (itc_channel.cpp) ----------------------------------------------------------
+
+// The record in the slot that `handle` names, or nullptr (id unbound, slot beyond the array,
+// slot empty or reserved). Call with the channel mutex held.
+lib_itc_channel_t *lib_itc_slot_record(lib_name_service_t *service, uint32_t handle);
+
+// Whether the handle's name id is bound. Takes the channel mutex unless this thread has seen
+// the id bound since the last release of a whole name (then it is still bound).
+bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle);
+
+// Records that a release may have unbound a name id. Call with the channel mutex held, after
+// the release.
+void lib_itc_note_release(lib_name_service_t *service, uint32_t handle);
+
+// The record of `handle` for the channel's own thread: when the handler on this thread is
+// delivering for that handle, its record (nullptr once closed); else a lookup under the mutex.
+// nullptr for an unknown handle.
+lib_itc_channel_t *lib_itc_own_record(lib_name_service_t *service, uint32_t handle);
+
+// What the queue handler on this thread is delivering; saved and restored around each run so
+// that nested dispatch steps of other managers keep theirs.
+struct lib_itc_delivery {
+  uint32_t handle;
+  lib_itc_channel_t *rec;
+};
+lib_itc_delivery lib_itc_delivery_swap(lib_itc_delivery next);
+
+// ---- Record lifetime (itc_channel.cpp) --------------------------------------------------
+
+// Allocates a record and creates and registers its queue with `dm`. On failure nothing is
+// left allocated and the result is 12 (record) or the platform's code (queue).
+int lib_itc_channel_create(const char *name, uint32_t handle, const lib_itc_attr_t &attr,
+                           kro_dm_t *dm, lib_itc_callback_t callback, void *cookie,
+                           lib_itc_channel_t **out);
+
+// Takes a reference (with the channel mutex held, the record found in its slot), drops one.
+inline void lib_itc_channel_ref(lib_itc_channel_t *rec) {
+  rec->refs.fetch_add(1, std::memory_order_relaxed);
+}
+void lib_itc_channel_unref(lib_itc_channel_t *rec);
+
+// The clean-up proper, on the channel's own thread: deregisters the queue, frees the messages
+// set aside, drops the channel's own reference. A failed deregistration leaves the record as
+// it is. Returns the deregistration's result.
+int lib_itc_channel_retire(lib_itc_channel_t *rec);
+
+// Frees a message left in a closed channel (a notification or a data message); the embedded
+// wake message is left alone.
+void lib_itc_msg_discard(lib_itc_msg_hdr_t *msg);
+
+// The orphan list: closed records whose clean-up timer could not be set up.
+void lib_itc_orphan_add(lib_itc_channel_t *rec);
+// Drains a closed channel's queue (own thread), freeing every message, and cleans the channel
+// up when it is an orphan. The queue may be gone on return.
+void lib_itc_queue_closed_drain(kro_dm_watched_queue_t *queue);
+// Puts a wake message that a receive dequeued back, so that the handler meets it.
+void lib_itc_wake_requeue(lib_itc_channel_t *rec, lib_itc_msg_hdr_t *msg);
+
+// ---- Notifications (itc_notify.cpp) -----------------------------------------------------
+
+// Allocates a header-only message (a data message gets `length` payload bytes after it),
+// fills it and enqueues it on the record's queue. Best effort: a message that can't be
+// allocated is not sent, one that can't be queued is freed; the budget is not charged.
+void lib_itc_post_msg(lib_itc_channel_t *rec, uint32_t type, uint32_t handle, uint32_t length);
+
+// The notifications of one open or close: collected under the channel mutex (peers' records
+// with a reference each, and a ticket for the posting phase), posted after it is released.
+class lib_itc_notice {
+ public:
+  enum kind { client_open, server_open, client_close, server_close };
+  lib_itc_notice(kind k, lib_itc_channel_t *self, uint32_t self_handle)
+      : kind_(k), self_(self), self_handle_(self_handle) {}
+  lib_itc_notice(const lib_itc_notice &) = delete;
+  lib_itc_notice &operator=(const lib_itc_notice &) = delete;
+
+  // With the mutex held: reads the entry's slots (this channel's slot already stored, or
+  // already released for a close), takes the references and, when anything is to be posted, a
+  // ticket.
+  void collect(const lib_name_service_entry_t *entry);
+  // Without the mutex: waits for the ticket's turn, posts, drops the references.
+  void post();
+
+ private:
+  struct peer {
+    lib_itc_channel_t *rec;
+    uint32_t handle;
+  };
+  void add(lib_itc_channel_t *rec, uint32_t handle);
+
+  kind kind_;
+  lib_itc_channel_t *self_;
+  uint32_t self_handle_;
+  uint32_t count_ = 0;
+  uint32_t ticket_ = 0;
+  peer peers_[LIB_NAME_SERVICE_MAX_SLOTS - 1];
+};
+
+// ---- The queue handler (itc_handler.cpp) ------------------------------------------------
+
+// Registered with each channel's queue, the channel's handle as cookie.
+void lib_itc_queue_handler(kro_dm_watched_queue_t *queue, void *cookie);
+
+#endif  // ZEL_LIB_ITC_INTERNAL_H_

@@ -1,0 +1,107 @@
+// Data messages: allocation, freeing and sending.
+#include <cstdint>
+#include <cstdlib>
+
+#include "lib/itc_internal.h"
+
+namespace {
+
+// The destination of a send from `handle`, with a reference taken, or nullptr. A client's is
+// the server of its name; the server's is the record in `destination`'s slot, which must be of
+// the same name. Takes the channel mutex for the lookup and the reference only.
+lib_itc_channel_t *lib_itc_send_target(lib_name_service_t *service, uint32_t handle,
+                                       uint32_t destination) {
+  const bool from_server = lib_name_service_handle_slot(handle) == 0;
+  if (from_server && (destination == 0 || lib_name_service_handle_id(destination) !=
+                                              lib_name_service_handle_id(handle))) {
+    return nullptr;
+  }
+  lib_itc_lock lock;
+  lib_name_service_entry_t *entry = lib_name_service_entry_of(service, handle);
+  if (entry == nullptr) {
+    return nullptr;
+  }
+  const uint32_t slot = from_server ? lib_name_service_handle_slot(destination) : 0;
+  lib_itc_channel_t *dst = lib_itc_entry_record(entry, slot);
+  if (dst != nullptr) {
+    lib_itc_channel_ref(dst);
+  }
+  return dst;
+}
+
+// Reserves `length` bytes of the destination's budget. False when they don't fit.
+bool lib_itc_budget_take(lib_itc_channel_t *dst, uint32_t length) {
+  uint32_t queued = dst->queued_bytes.load(std::memory_order_relaxed);
+  do {
+    if (static_cast<uint64_t>(length) + queued > dst->max_bytes) {
+      return false;
+    }
+  } while (
+      !dst->queued_bytes.compare_exchange_weak(queued, queued + length, std::memory_order_relaxed));
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+int lib_itc_alloc(uint32_t handle, uint32_t length, void **payload) {
+  lib_name_service_t *service = lib_itc_name_service_get();
+  if (service == nullptr || payload == nullptr || !lib_itc_id_bound(service, handle)) {
+    return LIB_ITC_EINVAL;
+  }
+  if (length > SIZE_MAX - sizeof(lib_itc_msg_hdr_t)) {
+    return LIB_ITC_ENOMEM;
+  }
+  auto *msg = static_cast<lib_itc_msg_hdr_t *>(malloc(sizeof(lib_itc_msg_hdr_t) + length));
+  if (msg == nullptr) {
+    return LIB_ITC_ENOMEM;
+  }
+  msg->link = nullptr;
+  msg->type = LIB_ITC_MSG_DATA;
+  msg->handle = handle;
+  msg->length = length;
+  *payload = lib_itc_payload_of(msg);
+  return LIB_ITC_OK;
+}
+
+int lib_itc_free(uint32_t handle, void *payload) {
+  lib_name_service_t *service = lib_itc_name_service_get();
+  if (service == nullptr || !lib_itc_id_bound(service, handle) || payload == nullptr) {
+    return LIB_ITC_EINVAL;
+  }
+  lib_itc_msg_hdr_t *msg = lib_itc_hdr_of(payload);
+  if (msg->type != LIB_ITC_MSG_DATA) {
+    return LIB_ITC_EINVAL;
+  }
+  free(msg);
+  return LIB_ITC_OK;
+}
+
+int lib_itc_send(uint32_t handle, uint32_t destination, void *payload) {
+  lib_name_service_t *service = lib_itc_name_service_get();
+  if (service == nullptr || payload == nullptr) {
+    return LIB_ITC_EINVAL;
+  }
+  lib_itc_msg_hdr_t *msg = lib_itc_hdr_of(payload);
+  if (msg->type != LIB_ITC_MSG_DATA) {
+    return LIB_ITC_EINVAL;
+  }
+  lib_itc_channel_t *dst = lib_itc_send_target(service, handle, destination);
+  if (dst == nullptr) {
+    return LIB_ITC_EINVAL;
+  }
+  const uint32_t length = msg->length;
+  int rc = LIB_ITC_ENOSPC;
+  if (lib_itc_budget_take(dst, length)) {
+    // The message belongs to the queue as soon as it is in: read nothing of it afterwards.
+    rc = kro_dm_watched_queue_enqueue(dst->queue, msg);
+    if (rc != 0) {
+      dst->queued_bytes.fetch_sub(length, std::memory_order_relaxed);
+    }
+  }
+  lib_itc_channel_unref(dst);
+  return rc;
+}
+
+}  // extern "C"

@@ -1,0 +1,48 @@
+// Deliberately internal: the record's reference count. A sender holding a reference when the
+// clean-up runs keeps the record and its queue; dropping the last reference frees both, and
+// the messages still queued with them, on the dropping thread.
+#include "lib/itc_internal.h"
+
+#include "itc_test_util.h"
+#include "support/fault.h"
+
+namespace {
+
+TEST(ItcInternal, LastReferenceHolderFreesRecordQueueAndMessages) {
+  itc_test::Dm dm;
+  itc_test::Recorder rec;
+  uint32_t server = 0, client = 0;
+  ASSERT_EQ(lib_itc_open(&server, "r", LIB_ITC_SERVER, nullptr, dm.dm, itc_test::Recorder::callback,
+                         &rec),
+            0u);
+  ASSERT_EQ(lib_itc_open(&client, "r", LIB_ITC_CLIENT, nullptr, dm.dm, itc_test::Recorder::callback,
+                         &rec),
+            0u);
+  itc_test::pump(dm.dm);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(itc_test::send_text(client, 0, "queued"), 0);
+  }
+  lib_itc_channel_t *held = nullptr;
+  {
+    lib_itc_lock lock;  // as a sender does: the lookup and the reference under the mutex
+    held = lib_itc_slot_record(lib_itc_name_service_get(), server);
+    ASSERT_NE(held, nullptr);
+    lib_itc_channel_ref(held);
+  }
+  ASSERT_EQ(lib_itc_close(&server), 0);
+  const long before_cleanup = zel_test::fault_live_blocks();
+  itc_test::pump(dm.dm);  // the clean-up: queue deregistered, the channel's own reference gone
+  EXPECT_TRUE(held->closed.load());
+  EXPECT_EQ(held->refs.load(), 1u);
+  // Only the clean-up timer and the client's disconnect notice went; the record, its queue
+  // and the three messages are still there for the late sender.
+  EXPECT_EQ(zel_test::fault_live_blocks(), before_cleanup - 2);
+  void *late = itc_test::make_msg(client, "late");
+  EXPECT_EQ(kro_dm_watched_queue_enqueue(held->queue, late), KRO_DM_ENOTCONN);
+  EXPECT_EQ(lib_itc_free(client, late), 0);
+  lib_itc_channel_unref(held);
+  EXPECT_EQ(zel_test::fault_live_blocks(), before_cleanup - 2 - 5);
+  EXPECT_EQ(lib_itc_close(&client), 0);
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+// Helpers of the channel tests: dispatch managers run by the test thread or by a thread of
+// their own, and a callback that records what a channel is told.
+#ifndef ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
+#define ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
+
+#include <gtest/gtest.h>
+#include <kro/dm.h>
+#include <zel/itc.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace itc_test {
+
+// Runs dispatch steps of a manager owned by the calling thread until nothing more is due now:
+// enough for deliveries, set-aside messages and clean-up timers armed by them.
+inline void pump(kro_dm_t *dm) {
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(kro_dm_dispatch(dm), KRO_DM_OK);
+  }
+}
+
+// A manager driven by the test thread. The destructor runs the clean-up steps of channels
+// closed meanwhile, then destroys the manager.
+class Dm {
+ public:
+  Dm() { EXPECT_EQ(kro_dm_create(&dm), KRO_DM_OK); }
+  ~Dm() { finish(); }
+  Dm(const Dm &) = delete;
+  Dm &operator=(const Dm &) = delete;
+  void finish() {
+    if (dm != nullptr) {
+      pump(dm);
+      EXPECT_EQ(kro_dm_destroy(&dm), KRO_DM_OK) << "a channel of this manager is still open";
+    }
+  }
+  kro_dm_t *dm = nullptr;
+};
+
+// A manager whose loop (kro_dm_wait + kro_dm_dispatch) runs on a thread of its own until
+// stop(); the test thread then takes it over for the remaining clean-up steps.
+class Loop {
+ public:
+  Loop() {
+    thread_ = std::thread([this] {
+      while (!done_.load(std::memory_order_acquire)) {
+        EXPECT_EQ(kro_dm_wait(m_.dm), KRO_DM_OK);
+        EXPECT_EQ(kro_dm_dispatch(m_.dm), KRO_DM_OK);
+      }
+    });
+  }
+  ~Loop() { stop(); }
+  Loop(const Loop &) = delete;
+  Loop &operator=(const Loop &) = delete;
+  void stop() {
+    if (thread_.joinable()) {
+      done_.store(true, std::memory_order_release);
+      kro_dm_wake(m_.dm);
+      thread_.join();
+    }
+  }
+  kro_dm_t *dm() const { return m_.dm; }
+  std::thread::id id() const { return thread_.get_id(); }
+
+ private:
+  Dm m_;  // destroyed after the thread has stopped
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
+// One message as a channel's callback saw it. For LIB_ITC_MSG_CONNECT: a = event code,
+// b = client handle. For LIB_ITC_MSG_DATA: a = sender, b = length, text = the payload.
+struct Event {
+  uint32_t type;
+  uint32_t a;
+  uint32_t b;
+  std::string text;
+  bool operator==(const Event &o) const {
+    return type == o.type && a == o.a && b == o.b && text == o.text;
+  }
+};
+
+inline std::ostream &operator<<(std::ostream &os, const Event &e) {
+  return os << "{type 0x" << std::hex << e.type << std::dec << ", " << e.a << ", 0x" << std::hex
+            << e.b << std::dec << ", \"" << e.text << "\"}";
+}
+
+inline Event connected() {
+  return {LIB_ITC_MSG_CONNECTED, 0, 0, ""};
+}
+inline Event disconnect() {
+  return {LIB_ITC_MSG_DISCONNECT, 0, 0, ""};
+}
+inline Event came(uint32_t client) {
+  return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_CONNECT, client, ""};
+}
+inline Event left(uint32_t client) {
+  return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_DISCONNECT, client, ""};
+}
+
+// Records every callback of the channels opened with it as cookie: reads connection events,
+// receives and frees data messages. Thread-safe; waits are condition waits.
+class Recorder {
+ public:
+  static void callback(uint32_t handle, uint32_t type, void *cookie) {
+    static_cast<Recorder *>(cookie)->on(handle, type);
+  }
+
+  // Waits until at least n events are recorded; false after a generous deadline (a hang guard,
+  // not a sequencing device).
+  bool wait_for(size_t n) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return cv_.wait_for(lock, std::chrono::seconds(60), [&] { return events_.size() >= n; });
+  }
+  std::vector<Event> events() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_;
+  }
+  size_t size() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return events_.size();
+  }
+  std::thread::id last_thread() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return thread_;
+  }
+
+ private:
+  void on(uint32_t handle, uint32_t type) {
+    Event e{type, 0, 0, ""};
+    if (type == LIB_ITC_MSG_CONNECT) {
+      EXPECT_EQ(lib_itc_get_connection_event(handle, &e.a, &e.b), 0);
+    } else if (type == LIB_ITC_MSG_DATA) {
+      void *payload = nullptr;
+      EXPECT_EQ(lib_itc_receive(handle, &e.a, &payload, &e.b), 0);
+      e.text.assign(static_cast<const char *>(payload), e.b);
+      EXPECT_EQ(lib_itc_free(handle, payload), 0);
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    events_.push_back(e);
+    thread_ = std::this_thread::get_id();
+    cv_.notify_all();
+  }
+
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  std::vector<Event> events_;
+  std::thread::id thread_;
+};
+
+// Allocates a data message holding `text` for `handle`; nullptr on failure.
+inline void *make_msg(uint32_t handle, const std::string &text) {
+  void *payload = nullptr;
+  if (lib_itc_alloc(handle, static_cast<uint32_t>(text.size()), &payload) != 0) {
+    return nullptr;
+  }
+  memcpy(payload, text.data(), text.size());
+  return payload;
+}
+
+// Sends `text` from `handle` to `destination`; frees the message when the send fails and
+// returns the send's result.
+inline int send_text(uint32_t handle, uint32_t destination, const std::string &text) {
+  void *payload = make_msg(handle, text);
+  if (payload == nullptr) {
+    return -1;
+  }
+  const int rc = lib_itc_send(handle, destination, payload);
+  if (rc != 0) {
+    EXPECT_EQ(lib_itc_free(handle, payload), 0);
+  }
+  return rc;
+}
+
+}  // namespace itc_test
+
+#endif  // ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
