@@ -194,6 +194,9 @@ zel_bad_input::Table config_rows() {
          int32_t count = 0;
          snmp_strcat(nullptr, nullptr, &count);
          cfg->prov_cfg_free(nullptr);
+         zel_util_config_t *bare = fresh();
+         cfg->prov_cfg_free(bare);
+         expect_unattached_and_destroy(bare);
          EXPECT_EQ(count, 0);
          snmp_strcat(cfg, nullptr, &count);  // the caller's own two passes
          std::string own(static_cast<size_t>(count) + 1, '\0');
