@@ -241,7 +241,8 @@ TEST_F(PipeCmd, ResultFollowsTheChild) {
 // A caller that ignores SIGCHLD has its children reaped by the kernel, so the wait fails
 // (ECHILD) after the output has been read; the child starts with SIGCHLD still ignored.
 TEST_F(PipeCmd, CallerIgnoringChildSignalsGetsEchild) {
-  struct sigaction ignore {}, old {};
+  struct sigaction ignore = {};
+  struct sigaction old = {};
   ignore.sa_handler = SIG_IGN;
   ASSERT_EQ(sigaction(SIGCHLD, &ignore, &old), 0);
   Pieces pieces;
