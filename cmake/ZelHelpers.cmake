@@ -9,6 +9,12 @@ function(zel_library_target target)
   target_link_libraries(${target} PRIVATE zel_build_flags)
 endfunction()
 
+# zel_test_timeout(<var> <seconds>): a test timeout scaled by ZEL_TEST_TIMEOUT_FACTOR.
+function(zel_test_timeout var seconds)
+  math(EXPR scaled "${seconds} * ${ZEL_TEST_TIMEOUT_FACTOR}")
+  set(${var} ${scaled} PARENT_SCOPE)
+endfunction()
+
 # zel_add_gtest(<name> SOURCES <files...> [LIBS <targets...>] [TIMEOUT <s>])
 # One executable; every test case becomes its own CTest entry (its own process), so that
 # process-wide state (once-only registration, the channels' name service) starts fresh.
@@ -18,6 +24,7 @@ function(zel_add_gtest name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
+  zel_test_timeout(ARG_TIMEOUT ${ARG_TIMEOUT})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zel_test_support zel_utils_static ${ARG_LIBS}
     GTest::gtest_main zel_build_flags)

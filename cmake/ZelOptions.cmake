@@ -4,6 +4,8 @@ option(ZEL_BUILD_EXAMPLES "Build the example programs" ON)
 option(ZEL_BUILD_BENCH "Build the benchmarks (needs Google Benchmark)" ON)
 option(ZEL_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
 option(ZEL_COVERAGE "Instrument the library and tests for gcov" OFF)
+set(ZEL_TEST_TIMEOUT_FACTOR 1 CACHE STRING
+  "Multiplies every test's timeout, for tools that slow the tests down (valgrind)")
 set(ZEL_SANITIZE "" CACHE STRING "Sanitizer set: empty, address (with undefined and leak checking) or thread")
 set_property(CACHE ZEL_SANITIZE PROPERTY STRINGS "" address thread)
 

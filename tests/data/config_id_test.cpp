@@ -46,13 +46,6 @@ TEST(ConfigId, ReadsTheNumberBeforeTheFirstSlash) {
   }
 }
 
-TEST(ConfigId, NullArgumentsChangeNothing) {
-  uint32_t id = 5;
-  zel_extract_config_id_from_config_result(&id, nullptr);
-  EXPECT_EQ(id, 5u);
-  zel_extract_config_id_from_config_result(nullptr, "/1/");
-}
-
 TEST(ConfigId, ScratchFailureLeavesZero) {
   const unsigned allocations = zel_test::fault_sweep([](unsigned n) {
     uint32_t id = 9;

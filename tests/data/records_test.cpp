@@ -88,17 +88,6 @@ void expect_same_value(const zel_data_value_t *src, const zel_data_value_t *copy
   }
 }
 
-TEST(DataRecords, CleanupsAcceptNull) {
-  zel_data_error_t_cleanup(nullptr);
-  zel_data_complete_t_cleanup(nullptr);
-  zel_data_value_t_cleanup(nullptr);
-  zel_data_template_t_cleanup(nullptr);
-  zel_row_data_t_cleanup(nullptr);
-  EXPECT_EQ(zel_data_value_t_dup(nullptr), nullptr);
-  EXPECT_EQ(zel_data_template_t_dup(nullptr), nullptr);
-  EXPECT_EQ(zel_row_data_t_dup(nullptr), nullptr);
-}
-
 TEST(DataRecords, ValueCopies) {
   struct Row {
     const char *bytes;

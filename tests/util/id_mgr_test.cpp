@@ -66,40 +66,6 @@ TEST_F(IdMgr, HandsOutIdsFromOne) {
   EXPECT_EQ(zel_id_mgr_id_to_ctx(&m_, 3), ctx(3));
 }
 
-TEST_F(IdMgr, InvalidArgumentsChangeNothing) {
-  EXPECT_EQ(zel_id_mgr_init(nullptr), ZEL_ID_MGR_ERROR);
-  EXPECT_EQ(zel_id_mgr_xinit(nullptr, kCheck), ZEL_ID_MGR_ERROR);
-  zel_id_mgr_cleanup(nullptr);
-  zel_id_mgr_iterate(
-      nullptr, [](zel_id_mgr_t *, uint32_t, void *, void *) { return 0; }, nullptr);
-  uint32_t id = 77;
-  // A zero-filled manager is not initialised: refused like a NULL one.
-  for (bool initialised : {false, true}) {
-    SCOPED_TRACE(initialised ? "initialised" : "zero-filled");
-    if (initialised) {
-      ASSERT_EQ(zel_id_mgr_init(&m_), ZEL_ID_MGR_OK);
-    }
-    const zel_id_mgr_t before = m_;
-    EXPECT_EQ(zel_id_mgr_get_id(nullptr, ctx(1), &id), ZEL_ID_MGR_ERROR);
-    EXPECT_EQ(zel_id_mgr_get_id(&m_, nullptr, &id), ZEL_ID_MGR_ERROR);
-    EXPECT_EQ(zel_id_mgr_get_id(&m_, ctx(1), nullptr), ZEL_ID_MGR_ERROR);
-    if (!initialised) {
-      EXPECT_EQ(zel_id_mgr_get_id(&m_, ctx(1), &id), ZEL_ID_MGR_ERROR);
-      zel_id_mgr_cleanup(&m_);  // does nothing
-    }
-    EXPECT_EQ(id, 77u);
-    EXPECT_EQ(m_.next_id, before.next_id);
-    EXPECT_EQ(zel_id_mgr_id_to_ctx(nullptr, 1), nullptr);
-    EXPECT_EQ(zel_id_mgr_id_to_ctx(&m_, 0), nullptr);
-    EXPECT_EQ(zel_id_mgr_delete_id(nullptr, 1), ZEL_ID_MGR_ERROR);
-    EXPECT_EQ(zel_id_mgr_delete_id(&m_, 0), ZEL_ID_MGR_ERROR);
-    EXPECT_EQ(zel_id_mgr_delete_id(&m_, 1), ZEL_ID_MGR_ERROR);
-    zel_id_mgr_iterate(&m_, nullptr, nullptr);
-    zel_id_mgr_iterate(
-        &m_, [](zel_id_mgr_t *, uint32_t, void *, void *) { return ADD_FAILURE(), 0; }, nullptr);
-  }
-}
-
 TEST_F(IdMgr, CounterWrapAndInUseProbe) {
   struct Row {
     const char *name;

@@ -238,6 +238,20 @@ TEST_F(PipeCmd, ResultFollowsTheChild) {
   }
 }
 
+// A caller that ignores SIGCHLD has its children reaped by the kernel, so the wait fails
+// (ECHILD) after the output has been read; the child starts with SIGCHLD still ignored.
+TEST_F(PipeCmd, CallerIgnoringChildSignalsGetsEchild) {
+  struct sigaction ignore = {};
+  struct sigaction old = {};
+  ignore.sa_handler = SIG_IGN;
+  ASSERT_EQ(sigaction(SIGCHLD, &ignore, &old), 0);
+  Pieces pieces;
+  const uint32_t rc = run({"exit", "0"}, &pieces);
+  sigaction(SIGCHLD, &old, nullptr);
+  EXPECT_EQ(rc, ZEL_PIPE_CMD_ECHILD);
+  EXPECT_EQ(joined(pieces), "bye\n");
+}
+
 TEST_F(PipeCmd, ArgumentsPassUnchanged) {
   Argv argv({"args", "two words", ""});
   argv.ptrs[0] = const_cast<char *>("own name");
