@@ -17,15 +17,9 @@
 #include <cstring>
 #include <string>
 
-namespace {
+#include "fuzz/fuzz_check.h"
 
-#define ZEL_FUZZ_CHECK(cond)                                                         \
-  do {                                                                               \
-    if (!(cond)) {                                                                   \
-      (void)fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-      abort();                                                                       \
-    }                                                                                \
-  } while (0)
+namespace {
 
 uint32_t zel_fuzz_strtol_id(const std::string &digits) {
   errno = 0;

@@ -25,15 +25,9 @@
 #define ZEL_FUZZ_ASAN 1
 #endif
 
-namespace {
+#include "fuzz/fuzz_check.h"
 
-#define ZEL_FUZZ_CHECK(cond)                                                         \
-  do {                                                                               \
-    if (!(cond)) {                                                                   \
-      (void)fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-      abort();                                                                       \
-    }                                                                                \
-  } while (0)
+namespace {
 
 #ifdef ZEL_FUZZ_ASAN
 constexpr size_t kGuard = 0;  // ASan reports any access past the block itself

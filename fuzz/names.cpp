@@ -19,15 +19,9 @@
 
 #include "tests/lib/ns_support.h"
 
-namespace {
+#include "fuzz/fuzz_check.h"
 
-#define ZEL_FUZZ_CHECK(cond)                                                         \
-  do {                                                                               \
-    if (!(cond)) {                                                                   \
-      (void)fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-      abort();                                                                       \
-    }                                                                                \
-  } while (0)
+namespace {
 
 // Allocation failure of the calling thread: the nth allocation from arming fails.
 thread_local unsigned zel_fuzz_fail_countdown = 0;
