@@ -10,7 +10,7 @@ namespace {
 // time a name id stops being bound. Ids are never reused and at most 65535 are ever handed
 // out, so it never wraps. A thread that saw id X bound at count E knows X is still bound
 // while the count is E.
-std::atomic<uint32_t> lib_itc_unbind_count{0};
+alignas(64) std::atomic<uint32_t> lib_itc_unbind_count{0};  // read on hot paths: a line alone
 
 struct lib_itc_bound_cache {
   uint32_t id;

@@ -42,7 +42,10 @@ struct lib_itc_channel_t {
   void *cookie;
   lib_itc_msg_hdr_t *current;  // being delivered to the callback (own thread only)
   lib_itc_msg_hdr_t *pending;  // set aside by a receive of the other kind (own thread only)
-  // Beyond the documented fields.
+  // Beyond the documented fields. The reference count, changed twice by every send, keeps off
+  // the line the receiver writes per message (queued_bytes, current, pending): a whole line of
+  // padding puts it on another line whatever the block's alignment.
+  char pad[64];
   std::atomic<uint32_t> refs;      // see "Record lifetime"
   std::atomic<bool> closed;        // set under the mutex when close takes the record out
   lib_itc_channel_t *orphan_next;  // link in the orphan list (under the mutex)

@@ -102,12 +102,12 @@
  * released, it can no longer be given back through lib_itc_free.
  *
  * Memory at rest, per open channel (32-bit / 64-bit Linux, before the allocator's own
- * per-block overhead): the record, 60 / 96 bytes, and its watched queue, 196 / 256 bytes (two
- * cache-line paddings included), two blocks; a slot pointer in the name's slot array, 4 / 8
- * bytes (the array grows 3 slots at a time and never shrinks); and, shared by all channels of
- * a name, the name's entry, 32 / 64 bytes, its slot array record, 20 / 32 bytes, and its first
- * 3 slots, 12 / 24 bytes, three blocks. A data message costs its payload plus the header,
- * 16 / 24 bytes, in one malloc block; a notification is a header alone. Nothing else is
+ * per-block overhead): the record, 124 / 160 bytes (a cache line of it padding), and its watched
+ * queue, 196 / 256 bytes (two cache-line paddings included), two blocks; a slot pointer in the
+ * name's slot array, 4 / 8 bytes (the array grows 3 slots at a time and never shrinks); and, shared
+ * by all channels of a name, the name's entry, 32 / 64 bytes, its slot array record, 20 / 32 bytes,
+ * and its first 3 slots, 12 / 24 bytes, three blocks. A data message costs its payload plus the
+ * header, 16 / 24 bytes, in one malloc block; a notification is a header alone. Nothing else is
  * allocated per message, nor per send. A closed channel holds a dispatch-manager timer
  * (52 / 80 bytes) until its clean-up has run.
  *
