@@ -93,10 +93,10 @@
  * lookup of its destination and a reference on it (a cached name entry and a slot read; a
  * sender that finds the mutex taken retries briefly before sleeping on it); everything else is
  * outside. Inside a callback, lib_itc_receive and lib_itc_get_connection_event of the channel
- * being delivered take no lock (they find its record through the handler; once the channel is closed they
- * return 22, even if a newer channel has taken the same handle meanwhile). lib_itc_alloc and
- * lib_itc_free take no lock for a name id the calling thread has already seen bound, as long
- * as no name has been released since.
+ * being delivered take no lock (they find its record through the handler; once the channel is
+ * closed they return 22, even if a newer channel has taken the same handle meanwhile).
+ * lib_itc_alloc and lib_itc_free take no lock for a name id the calling thread has already seen
+ * bound, as long as no name has been released since.
  *
  * lib_itc_free needs a bound name: a message received on a channel must be freed while some
  * channel of its name is still open (or handed back through a send); once the name is
