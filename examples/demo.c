@@ -185,8 +185,7 @@ static void *demo_itc_server(void *arg) {
   for (i = 0; i < 2; ++i) { /* the clean-up runs in the next dispatch step */
     kro_dm_dispatch(demo_itc_state.server_dm);
   }
-  kro_dm_destroy(&demo_itc_state.server_dm);
-  return NULL;
+  return NULL; /* the manager goes once the thread that may still wake it has joined */
 }
 
 static void demo_itc_on_client(uint32_t handle, uint32_t type, void *cookie) {
@@ -240,6 +239,7 @@ static int demo_channels(void) {
   pthread_mutex_unlock(&demo_itc_state.mutex);
   kro_dm_wake(demo_itc_state.server_dm);
   pthread_join(thread, NULL);
+  kro_dm_destroy(&demo_itc_state.server_dm);
   return 0;
 }
 

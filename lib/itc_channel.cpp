@@ -10,16 +10,18 @@ namespace {
 // time a name id stops being bound. Ids are never reused and at most 65535 are ever handed
 // out, so it never wraps. A thread that saw id X bound at count E knows X is still bound
 // while the count is E.
-std::atomic<uint32_t> lib_itc_unbind_count{0};
+alignas(64) std::atomic<uint32_t> lib_itc_unbind_count{0};  // read on hot paths: a line alone
 
+// The last name entry this thread looked up: valid while the unbind count is unchanged.
 struct lib_itc_bound_cache {
   uint32_t id;
   uint32_t unbinds;
+  lib_name_service_entry_t *entry;
 };
 // Initial-exec: the hot paths read these once per call; the model costs a load instead of a
 // __tls_get_addr call, and the library needs only these few bytes of static TLS.
 #define LIB_ITC_TLS __attribute__((tls_model("initial-exec")))
-thread_local lib_itc_bound_cache lib_itc_bound_seen LIB_ITC_TLS = {0, 0};
+thread_local lib_itc_bound_cache lib_itc_bound_seen LIB_ITC_TLS = {0, 0, nullptr};
 thread_local lib_itc_delivery lib_itc_delivering LIB_ITC_TLS = {0, nullptr};
 
 // Closed records whose clean-up timer could not be created or armed, and how many there are
@@ -39,26 +41,29 @@ lib_itc_channel_t *lib_itc_slot_record(lib_name_service_t *service, uint32_t han
   return slot != nullptr ? lib_itc_record_in(*slot) : nullptr;
 }
 
+lib_name_service_entry_t *lib_itc_entry(lib_name_service_t *service, uint32_t handle) {
+  const uint32_t id = lib_name_service_handle_id(handle);
+  lib_itc_bound_cache &seen = lib_itc_bound_seen;
+  const uint32_t unbinds = lib_itc_unbind_count.load(std::memory_order_relaxed);
+  if (id != 0 && seen.id == id && seen.unbinds == unbinds) {
+    return seen.entry;  // no entry has been freed since it was looked up: still this one
+  }
+  lib_name_service_entry_t *entry = lib_name_service_entry_of(service, handle);
+  if (entry != nullptr) {
+    seen = {id, unbinds, entry};
+  }
+  return entry;
+}
+
 bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle) {
   const uint32_t id = lib_name_service_handle_id(handle);
-  if (id == 0) {
-    return false;
-  }
-  lib_itc_bound_cache &seen = lib_itc_bound_seen;
-  if (seen.id == id && seen.unbinds == lib_itc_unbind_count.load(std::memory_order_acquire)) {
+  const lib_itc_bound_cache &seen = lib_itc_bound_seen;
+  if (id != 0 && seen.id == id &&
+      seen.unbinds == lib_itc_unbind_count.load(std::memory_order_acquire)) {
     return true;
   }
-  bool bound = false;
-  uint32_t unbinds = 0;
-  {
-    lib_itc_lock lock;
-    bound = lib_name_service_entry_of(service, handle) != nullptr;
-    unbinds = lib_itc_unbind_count.load(std::memory_order_relaxed);
-  }
-  if (bound) {
-    seen = {id, unbinds};
-  }
-  return bound;
+  lib_itc_lock lock;
+  return lib_itc_entry(service, handle) != nullptr;
 }
 
 void lib_itc_note_release(lib_name_service_t *service, uint32_t handle) {

@@ -42,7 +42,10 @@ struct lib_itc_channel_t {
   void *cookie;
   lib_itc_msg_hdr_t *current;  // being delivered to the callback (own thread only)
   lib_itc_msg_hdr_t *pending;  // set aside by a receive of the other kind (own thread only)
-  // Beyond the documented fields.
+  // Beyond the documented fields. The reference count, changed twice by every send, keeps off
+  // the line the receiver writes per message (queued_bytes, current, pending): a whole line of
+  // padding puts it on another line whatever the block's alignment.
+  char pad[64];
   std::atomic<uint32_t> refs;      // see "Record lifetime"
   std::atomic<bool> closed;        // set under the mutex when close takes the record out
   lib_itc_channel_t *orphan_next;  // link in the orphan list (under the mutex)
@@ -77,11 +80,43 @@ inline void *lib_itc_payload_of(lib_itc_msg_hdr_t *hdr) {
   return hdr + 1;
 }
 
+// Holds the channel mutex for its scope, like lib_itc_lock, for the hot paths: the critical
+// sections there last a few dozen instructions, so a thread that finds the mutex taken tries
+// again for a short while before it sleeps in the kernel (a sleep and its wake-up cost far more
+// than the wait). Construct only after lib_itc_name_service_get() has returned a service.
+class lib_itc_lock_spin {
+ public:
+  lib_itc_lock_spin() : mutex_(lib_itc_mutex()) {
+    for (int i = 0; i < 64; ++i) {
+      if (pthread_mutex_trylock(mutex_) == 0) {
+        return;
+      }
+#if defined(__i386__) || defined(__x86_64__)
+      __builtin_ia32_pause();
+#endif
+    }
+    pthread_mutex_lock(mutex_);
+  }
+  ~lib_itc_lock_spin() {
+    pthread_mutex_unlock(mutex_);
+  }
+  lib_itc_lock_spin(const lib_itc_lock_spin &) = delete;
+  lib_itc_lock_spin &operator=(const lib_itc_lock_spin &) = delete;
+
+ private:
+  pthread_mutex_t *mutex_;
+};
+
 // ---- Lookups (itc_channel.cpp) ----------------------------------------------------------
 
 // The record in the slot that `handle` names, or nullptr (id unbound, slot beyond the array,
 // slot empty or reserved). Call with the channel mutex held.
 lib_itc_channel_t *lib_itc_slot_record(lib_name_service_t *service, uint32_t handle);
+
+// The entry of the handle's name id, or nullptr. Call with the channel mutex held. The last
+// entry found is remembered per thread together with the count of names released so far; while
+// that count stands, the entry is still linked and is returned without a hash lookup.
+lib_name_service_entry_t *lib_itc_entry(lib_name_service_t *service, uint32_t handle);
 
 // Whether the handle's name id is bound. Takes the channel mutex unless this thread has seen
 // the id bound since the last release of a whole name (then it is still bound).

@@ -16,8 +16,8 @@ lib_itc_channel_t *lib_itc_send_target(lib_name_service_t *service, uint32_t han
                                               lib_name_service_handle_id(handle))) {
     return nullptr;
   }
-  lib_itc_lock lock;
-  lib_name_service_entry_t *entry = lib_name_service_entry_of(service, handle);
+  lib_itc_lock_spin lock;
+  lib_name_service_entry_t *entry = lib_itc_entry(service, handle);
   if (entry == nullptr) {
     return nullptr;
   }

@@ -16,8 +16,10 @@ namespace {
 
 pthread_mutex_t lib_itc_create_mutex = PTHREAD_MUTEX_INITIALIZER;
 bool lib_itc_channel_mutex_ready = false;  // guarded by lib_itc_create_mutex
-pthread_mutex_t lib_itc_channel_mutex;
-std::atomic<lib_name_service_t *> lib_itc_service{nullptr};
+// Each on a cache line of its own: every channel operation reads the service pointer, and every
+// lock and unlock writes the mutex; sharing a line would make readers miss on each write.
+alignas(64) pthread_mutex_t lib_itc_channel_mutex;
+alignas(64) std::atomic<lib_name_service_t *> lib_itc_service{nullptr};
 
 }  // namespace
 

@@ -67,10 +67,12 @@
  *
  * Close and clean-up. Close tells the peers, releases the binding and schedules the clean-up of
  * the channel's record as a one-shot timer (value {0, 0}) on the channel's own dispatch
- * manager: at its next dispatch step the queue is deregistered, the messages still in it are
- * freed, the queue destroyed and the record freed, always on the channel's own thread, so a
- * record is never freed while its handler delivers from it. Between close and clean-up the
- * handle is unknown (22) to every operation. Failures of the timer calls are traced on
+ * manager: at its next dispatch step, on the channel's own thread, the queue is deregistered,
+ * the messages still in it are freed, the queue destroyed and the record freed (by a late
+ * sender instead, see below, if one still holds a reference), so a record is never freed while
+ * its handler delivers from it. From the close on, the handle is unknown (22) to the operations
+ * that need the channel itself (close, receive, connection events, sends to it); alloc and free
+ * look only at the name. Failures of the timer calls are traced on
  * lib_amdt (error level): "kro_dm_timer_register failed\n" and "kro_dm_timer_settime failed\n"
  * from lib_itc_queue_entry_destroy, "kro_dm_timer_register (delete) failed\n" from
  * lib_itc_cleanup_timer_handler, each with the failing call's result as code. When the timer
@@ -90,24 +92,25 @@
  * called from any thread. lib_itc_receive and lib_itc_get_connection_event use the channel's
  * delivery state without a lock and must run on the channel's own thread: inside its callback,
  * or on that thread between dispatch steps. lib_itc_send takes the channel mutex only for the
- * lookup of its destination and a reference on it; everything else is outside. Inside a
- * callback, lib_itc_receive and lib_itc_get_connection_event of the channel being delivered
- * take no lock (they find its record through the handler; once the channel is closed they
- * return 22, even if a newer channel has taken the same handle meanwhile). lib_itc_alloc and
- * lib_itc_free take no lock for a name id the calling thread has already seen bound, as long
- * as no name has been released since.
+ * lookup of its destination and a reference on it (a cached name entry and a slot read; a
+ * sender that finds the mutex taken retries briefly before sleeping on it); everything else is
+ * outside. Inside a callback, lib_itc_receive and lib_itc_get_connection_event of the channel
+ * being delivered take no lock (they find its record through the handler; once the channel is
+ * closed they return 22, even if a newer channel has taken the same handle meanwhile).
+ * lib_itc_alloc and lib_itc_free take no lock for a name id the calling thread has already seen
+ * bound, as long as no name has been released since.
  *
  * lib_itc_free needs a bound name: a message received on a channel must be freed while some
  * channel of its name is still open (or handed back through a send); once the name is
  * released, it can no longer be given back through lib_itc_free.
  *
  * Memory at rest, per open channel (32-bit / 64-bit Linux, before the allocator's own
- * per-block overhead): the record, 60 / 96 bytes, and its watched queue, 196 / 256 bytes (two
- * cache-line paddings included), two blocks; a slot pointer in the name's slot array, 4 / 8
- * bytes (the array grows 3 slots at a time and never shrinks); and, shared by all channels of
- * a name, the name's entry, 32 / 64 bytes, its slot array record, 20 / 32 bytes, and its first
- * 3 slots, 12 / 24 bytes, three blocks. A data message costs its payload plus the header,
- * 16 / 24 bytes, in one malloc block; a notification is a header alone. Nothing else is
+ * per-block overhead): the record, 124 / 160 bytes (64 of them padding), and its watched
+ * queue, 196 / 256 bytes (two cache-line paddings included), two blocks; a slot pointer in the
+ * name's slot array, 4 / 8 bytes (the array grows 3 slots at a time and never shrinks); and, shared
+ * by all channels of a name, the name's entry, 32 / 64 bytes, its slot array record, 20 / 32 bytes,
+ * and its first 3 slots, 12 / 24 bytes, three blocks. A data message costs its payload plus the
+ * header, 16 / 24 bytes, in one malloc block; a notification is a header alone. Nothing else is
  * allocated per message, nor per send. A closed channel holds a dispatch-manager timer
  * (52 / 80 bytes) until its clean-up has run.
  *
@@ -121,6 +124,13 @@
  *   manager, callback; alloc, receive, get_connection_event: the output addresses).
  * - The name's limits apply unchanged: 255 clients per name, 65535 name ids per process; a
  *   binding past them is refused with 16.
+ * - A send racing the close of its destination: references (see "Close and clean-up").
+ * - Notifications and concurrent opens and closes on one name: slot reads under the mutex,
+ *   posting in turn (see "Connection events").
+ * - Messages queued at clean-up or met by the handler of a closed channel: freed.
+ * - A clean-up timer that can't be created or armed: traced, then the queue carries the
+ *   clean-up (see "Close and clean-up"), so nothing is left behind.
+ * - The budget check and the addition are one compare-and-swap (see "Budget").
  */
 #ifndef ZEL_ITC_H_
 #define ZEL_ITC_H_

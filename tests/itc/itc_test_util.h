@@ -29,18 +29,14 @@ inline void pump(kro_dm_t *dm) {
 
 // A manager driven by the test thread. The destructor runs the clean-up steps of channels
 // closed meanwhile, then destroys the manager.
-class Dm {
- public:
+struct Dm {
   Dm() { EXPECT_EQ(kro_dm_create(&dm), KRO_DM_OK); }
-  ~Dm() { finish(); }
+  ~Dm() {
+    pump(dm);
+    EXPECT_EQ(kro_dm_destroy(&dm), KRO_DM_OK) << "a channel of this manager is still open";
+  }
   Dm(const Dm &) = delete;
   Dm &operator=(const Dm &) = delete;
-  void finish() {
-    if (dm != nullptr) {
-      pump(dm);
-      EXPECT_EQ(kro_dm_destroy(&dm), KRO_DM_OK) << "a channel of this manager is still open";
-    }
-  }
   kro_dm_t *dm = nullptr;
 };
 
@@ -92,17 +88,13 @@ inline std::ostream &operator<<(std::ostream &os, const Event &e) {
             << e.b << std::dec << ", \"" << e.text << "\"}";
 }
 
-inline Event connected() {
-  return {LIB_ITC_MSG_CONNECTED, 0, 0, ""};
+inline const Event connected{LIB_ITC_MSG_CONNECTED, 0, 0, ""};
+inline const Event disconnect{LIB_ITC_MSG_DISCONNECT, 0, 0, ""};
+inline Event came(uint32_t c) {
+  return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_CONNECT, c, ""};
 }
-inline Event disconnect() {
-  return {LIB_ITC_MSG_DISCONNECT, 0, 0, ""};
-}
-inline Event came(uint32_t client) {
-  return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_CONNECT, client, ""};
-}
-inline Event left(uint32_t client) {
-  return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_DISCONNECT, client, ""};
+inline Event left(uint32_t c) {
+  return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_DISCONNECT, c, ""};
 }
 
 // Records every callback of the channels opened with it as cookie: reads connection events,
@@ -122,10 +114,6 @@ class Recorder {
   std::vector<Event> events() {
     std::lock_guard<std::mutex> lock(mutex_);
     return events_;
-  }
-  size_t size() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_.size();
   }
   std::thread::id last_thread() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -157,23 +145,18 @@ class Recorder {
 
 // Allocates a data message holding `text` for `handle`; nullptr on failure.
 inline void *make_msg(uint32_t handle, const std::string &text) {
-  void *payload = nullptr;
-  if (lib_itc_alloc(handle, static_cast<uint32_t>(text.size()), &payload) != 0) {
-    return nullptr;
-  }
-  memcpy(payload, text.data(), text.size());
-  return payload;
+  void *p = nullptr;
+  return lib_itc_alloc(handle, static_cast<uint32_t>(text.size()), &p) == 0
+             ? memcpy(p, text.data(), text.size())
+             : nullptr;
 }
 
 // Sends `text` from `handle` to `destination`; frees the message when the send fails and
 // returns the send's result.
 inline int send_text(uint32_t handle, uint32_t destination, const std::string &text) {
   void *payload = make_msg(handle, text);
-  if (payload == nullptr) {
-    return -1;
-  }
-  const int rc = lib_itc_send(handle, destination, payload);
-  if (rc != 0) {
+  const int rc = payload != nullptr ? lib_itc_send(handle, destination, payload) : -1;
+  if (rc > 0) {
     EXPECT_EQ(lib_itc_free(handle, payload), 0);
   }
   return rc;
