@@ -50,10 +50,11 @@ int lib_itc_alloc(uint32_t handle, uint32_t length, void **payload) {
   if (service == nullptr || payload == nullptr || !lib_itc_id_bound(service, handle)) {
     return LIB_ITC_EINVAL;
   }
-  if (length > SIZE_MAX - sizeof(lib_itc_msg_hdr_t)) {
+  size_t total = 0;  // header + payload; only a 32-bit size_t can overflow here
+  if (__builtin_add_overflow(sizeof(lib_itc_msg_hdr_t), length, &total)) {
     return LIB_ITC_ENOMEM;
   }
-  auto *msg = static_cast<lib_itc_msg_hdr_t *>(malloc(sizeof(lib_itc_msg_hdr_t) + length));
+  auto *msg = static_cast<lib_itc_msg_hdr_t *>(malloc(total));
   if (msg == nullptr) {
     return LIB_ITC_ENOMEM;
   }
