@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # Installs what a fresh Debian machine lacks for the full test matrix: the 32-bit toolchain
-# (g++-multilib) and gcovr. Idempotent; needs root (or sudo) only when something is missing.
+# (g++-multilib), gcovr and valgrind. Idempotent; needs root (or sudo) only when something is missing.
 set -euo pipefail
 missing=()
 [ -d /usr/lib/gcc/x86_64-linux-gnu/12/32 ] || missing+=(g++-multilib)
 command -v gcovr >/dev/null 2>&1 || missing+=(gcovr)
+command -v valgrind >/dev/null 2>&1 || missing+=(valgrind)
 for tool in cmake ninja g++ clang; do
   command -v "$tool" >/dev/null 2>&1 || missing+=("$([ "$tool" = ninja ] && echo ninja-build || echo "$tool")")
 done
