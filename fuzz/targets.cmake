@@ -3,9 +3,11 @@
 #
 # zel_fuzz_targets(<var>): the target names, one per fuzz/<name>.cpp (the replay driver aside).
 # zel_fuzz_link(<target> <name>): links the library into <target>, the executable of fuzz
-#   target <name>; targets that fail allocations on purpose get the allocator wrapped (their
-#   source defines the __wrap_ functions).
+#   target <name>; targets that fail allocations on purpose get the allocator wrapped, and
+#   targets that follow blocks to their free get free wrapped (their source defines the __wrap_
+#   functions).
 set(zel_fuzz_wrap_alloc names)
+set(zel_fuzz_wrap_free itc)
 
 function(zel_fuzz_targets var)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_FUNCTION_LIST_DIR}/*.cpp)
@@ -23,5 +25,8 @@ function(zel_fuzz_link target name)
   if(name IN_LIST zel_fuzz_wrap_alloc)
     target_link_options(${target} PRIVATE
       -Wl,--wrap=malloc,--wrap=calloc,--wrap=realloc,--wrap=strdup)
+  endif()
+  if(name IN_LIST zel_fuzz_wrap_free)
+    target_link_options(${target} PRIVATE -Wl,--wrap=free)
   endif()
 endfunction()

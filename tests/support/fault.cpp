@@ -20,6 +20,7 @@ thread_local unsigned fault_nth = 0;   // 0: disarmed
 thread_local unsigned fault_seen = 0;  // allocations since arming
 thread_local bool fault_hit = false;
 std::atomic<long> fault_live{0};
+std::atomic<void (*)(void *)> fault_free_hook{nullptr};
 
 // True when this allocation is the one to fail.
 bool fault_should_fail() {
@@ -81,6 +82,9 @@ char *__wrap_strdup(const char *s) {  // NOLINT(bugprone-reserved-identifier)
 
 void __wrap_free(void *p) {  // NOLINT(bugprone-reserved-identifier)
   if (p != nullptr) {
+    if (void (*hook)(void *) = fault_free_hook.load(std::memory_order_acquire)) {
+      hook(p);
+    }
     fault_live.fetch_sub(1, std::memory_order_relaxed);
   }
   __real_free(p);
@@ -110,6 +114,10 @@ unsigned fault_allocations() {
 
 long fault_live_blocks() {
   return fault_live.load(std::memory_order_relaxed);
+}
+
+void fault_set_free_hook(void (*hook)(void *block)) {
+  fault_free_hook.store(hook, std::memory_order_release);
 }
 
 void fault_report_leak(unsigned n, long before, long after) {

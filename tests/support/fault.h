@@ -22,6 +22,9 @@ bool fault_fired();
 unsigned fault_allocations();
 // Blocks allocated through the wrappers and not yet freed, over all threads.
 long fault_live_blocks();
+// Calls `hook(block)` from the free wrapper, on the freeing thread, just before each non-NULL
+// block is freed; NULL removes it. For programs that count the frees of blocks they recognise.
+void fault_set_free_hook(void (*hook)(void *block));
 
 // Runs `op(n)` for N = 1, 2, ... up to `limit`. `op` sets up what it needs, makes the call under
 // test inside a FaultScope(n), checks the result (the failure's result when fault_fired(), the
