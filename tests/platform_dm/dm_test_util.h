@@ -55,10 +55,15 @@ struct Loop {
   }
 };
 
+inline void wait_for(const std::atomic<bool> &flag) {
+  while (!flag.load()) {
+    std::this_thread::yield();
+  }
+}
+
 inline kro_dm_watched_queue_t *make_queue(uint32_t max_len = KRO_DM_WATCHED_QUEUE_LEN_DEFAULT,
-                                          kro_dm_watched_queue_drain_fn drain = nullptr,
-                                          void *drain_arg = nullptr) {
-  const kro_dm_watched_queue_attr_t attr{max_len, 0, drain, drain_arg};
+                                          kro_dm_watched_queue_drain_fn drain = nullptr) {
+  const kro_dm_watched_queue_attr_t attr{max_len, 0, drain, nullptr};
   kro_dm_watched_queue_t *q = nullptr;
   EXPECT_EQ(kro_dm_watched_queue_create("q", 7, &attr, &q), KRO_DM_OK);
   return q;
