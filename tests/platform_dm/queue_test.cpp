@@ -1,5 +1,5 @@
-// Watched queues: order, the length limit, refusals, re-running handlers, deregistration with
-// messages queued; with real threads: many producers, deregistration racing producers, wake-up
+// Watched queues: order, the length limit, re-running handlers, deregistration with messages
+// queued; with real threads: many producers, deregistration racing producers, wake-up
 // coalescing and wake-ups from other threads.
 #include <cstddef>
 #include <cstdlib>
@@ -25,7 +25,7 @@ void take_one(kro_dm_watched_queue_t *q, void *got) {
   }
 }
 
-TEST(DmQueue, FifoLengthLimitRefusalsAndRerunWhileMessagesLeft) {
+TEST(DmQueue, FifoLengthLimitAndRerunWhileMessagesLeft) {
   Dm d;
   kro_dm_watched_queue_t *q = make_queue(3);
   Msg m[4] = {{&m[0]}, {&m[1]}, {&m[2]}, {&m[3]}};  // whatever the link holds on entry
