@@ -1,243 +1,162 @@
-// Timers of the dispatch manager: order, the next-step rule, deletion from handlers, arming
-// from other threads, allocation failures.
+// Timers of the dispatch manager (order, the next-step rule, deletion from handlers, arming from
+// other threads) and the managed timer trees on top of them.
+#include <kro/mgd_timer.h>
+
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "dm_test_util.h"
+#include "support/fault.h"
 
 using dm_test::Dm;
-using dm_test::FakeClock;
-using dm_test::Loop;
 
 namespace {
 
-// A timer named by one letter, writing it to a shared log when it runs.
-struct Named {
-  std::string *log;
-  char name;
-  static int note(kro_dm_t *, kro_dm_timer_t *, void *cookie) {
-    auto *n = static_cast<Named *>(cookie);
-    *n->log += n->name;
-    return 0;
-  }
-};
+const kro_dm_time_t kZero{0, 0};
 
-kro_dm_time_t ms(uint32_t v) {
-  return kro_dm_time_t{v / 1000, (v % 1000) * 1000000u};
-}
-
-TEST(DmTimer, DueTimersRunInDeadlineThenArmingOrder) {
-  struct Row {
-    const char *what;
-    std::vector<uint32_t> delays_ms;  // timer i is named 'a' + i and armed in index order
-    uint64_t advance_ms;
-    const char *expected;
-  } rows[] = {
-      {"by deadline", {30, 10, 20}, 30, "bca"},
-      {"ties keep arming order", {10, 0, 10, 0}, 10, "bdac"},
-      {"only what is due", {5, 50, 15}, 20, "ac"},
-      {"zero runs at once", {0}, 0, "a"},
-  };
-  for (const Row &r : rows) {
-    SCOPED_TRACE(r.what);
-    Dm d;
-    FakeClock clock;
-    ASSERT_EQ(kro_dm_set_clock(d.dm, FakeClock::read, &clock), 0);
-    std::string log;
-    std::vector<Named> names(r.delays_ms.size());
-    std::vector<kro_dm_timer_t *> timers(r.delays_ms.size());
-    for (size_t i = 0; i < names.size(); ++i) {
-      names[i] = Named{&log, static_cast<char>('a' + i)};
-      ASSERT_EQ(kro_dm_timer_register(d.dm, &timers[i], Named::note, &names[i]), 0);
-      const kro_dm_time_t v = ms(r.delays_ms[i]);
-      ASSERT_EQ(kro_dm_timer_settime(d.dm, timers[i], &v), 0);
-    }
-    clock.advance_ms(r.advance_ms);
-    ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
-    EXPECT_EQ(log, r.expected);
-    ASSERT_EQ(kro_dm_set_clock(d.dm, nullptr, nullptr), r.advance_ms == 20 ? KRO_DM_EBUSY : 0);
-  }  // the manager deletes the timers that are left
-}
-
-// Re-arms itself with {0, 0} `left` times, then deletes itself.
-struct Repeater {
-  unsigned runs = 0;
-  unsigned left = 3;
-  static int handler(kro_dm_t *dm, kro_dm_timer_t *timer, void *cookie) {
-    auto *r = static_cast<Repeater *>(cookie);
-    ++r->runs;
-    if (r->left-- == 0) {
+// A timer's handler logs its name, re-arms itself {0, 0} `rearm` more times and then deletes
+// itself (-1: neither); it deletes `victim`.
+struct Act {
+  std::string *log = nullptr;
+  char name = 0;
+  int rearm = -1;
+  kro_dm_timer_t **victim = nullptr;
+  static int run(kro_dm_t *dm, kro_dm_timer_t *timer, void *cookie) {
+    auto *a = static_cast<Act *>(cookie);
+    *a->log += a->name;
+    if (a->rearm-- > 0) {
+      EXPECT_EQ(kro_dm_timer_settime(dm, timer, &kZero), 0);
+    } else if (a->rearm == -1) {
       EXPECT_EQ(kro_dm_timer_register(dm, &timer, nullptr, nullptr), 0);
-      EXPECT_EQ(timer, nullptr);
-      return 0;
     }
-    const kro_dm_time_t zero{0, 0};
-    EXPECT_EQ(kro_dm_timer_settime(dm, timer, &zero), 0);
+    if (a->victim != nullptr) {
+      EXPECT_EQ(kro_dm_timer_register(dm, a->victim, nullptr, nullptr), 0);
+    }
     return 0;
   }
 };
 
-TEST(DmTimer, RearmFromHandlerRunsAtNextStepAndSelfDeleteIsSafe) {
+// On a clock the test drives: due timers run in deadline order, equal deadlines in arming
+// order, never early. {0, 0} runs the handler once at the next step, also when re-armed from
+// the handler; deleting with a NULL handler works from the timer's own handler, and from another
+// timer's handler in the step where the deleted one is due.
+TEST(DmTimer, OrderNextStepRuleAndDeletion) {
   Dm d;
-  Repeater r;
-  kro_dm_timer_t *t = nullptr;
-  ASSERT_EQ(kro_dm_timer_register(d.dm, &t, Repeater::handler, &r), 0);
-  const kro_dm_time_t zero{0, 0};
-  ASSERT_EQ(kro_dm_timer_settime(d.dm, t, &zero), 0);
-  for (unsigned step = 1; step <= 4; ++step) {
-    ASSERT_EQ(kro_dm_wait(d.dm), 0);  // due at once: never blocks
-    ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
-    EXPECT_EQ(r.runs, step);  // once per step, not in a loop within the step
+  dm_test::FakeClock clock;
+  ASSERT_EQ(kro_dm_set_clock(d.dm, dm_test::FakeClock::read, &clock), 0);
+  std::string log;
+  const char names[] = "rkxabcef";
+  const uint32_t delays_ms[] = {0, 0, 0, 30, 10, 20, 10, 50};
+  Act acts[8];
+  kro_dm_timer_t *t[8] = {};
+  for (int i = 0; i < 8; ++i) {
+    acts[i] = Act{&log, names[i]};
+    const kro_dm_time_t v{0, delays_ms[i] * 1000000u};
+    ASSERT_EQ(kro_dm_timer_register(d.dm, &t[i], Act::run, &acts[i]), 0);
+    ASSERT_EQ(kro_dm_timer_settime(d.dm, t[i], &v), 0);
+  }
+  acts[0].rearm = 2;
+  acts[1].victim = &t[2];
+  for (int step = 0; step < 3; ++step) {
+    d.step();  // due at once: the wait never blocks
   }
   ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
-  EXPECT_EQ(r.runs, 4u);  // deleted itself at its fourth run
-}
-
-// The first due timer deletes the second and cancels the third, both due in the same step.
-struct Killer {
-  kro_dm_timer_t *victim = nullptr;
-  kro_dm_timer_t *cancelled = nullptr;
-  static int handler(kro_dm_t *dm, kro_dm_timer_t *, void *cookie) {
-    auto *k = static_cast<Killer *>(cookie);
-    EXPECT_EQ(kro_dm_timer_register(dm, &k->victim, nullptr, nullptr), 0);
-    EXPECT_EQ(kro_dm_timer_cancel(dm, k->cancelled), 0);
-    return 0;
-  }
-  static int never(kro_dm_t *, kro_dm_timer_t *, void *) {
-    ADD_FAILURE() << "a deleted or cancelled timer ran";
-    return 0;
-  }
-};
-
-TEST(DmTimer, DeleteAndCancelOtherDueTimersFromHandler) {
-  Dm d;
-  Killer k;
-  kro_dm_timer_t *first = nullptr;
-  int dummy = 0;
-  ASSERT_EQ(kro_dm_timer_register(d.dm, &first, Killer::handler, &k), 0);
-  ASSERT_EQ(kro_dm_timer_register(d.dm, &k.victim, Killer::never, &dummy), 0);
-  ASSERT_EQ(kro_dm_timer_register(d.dm, &k.cancelled, Killer::never, &dummy), 0);
-  const kro_dm_time_t zero{0, 0};
-  for (kro_dm_timer_t *t : {first, k.victim, k.cancelled}) {
-    ASSERT_EQ(kro_dm_timer_settime(d.dm, t, &zero), 0);
-  }
+  EXPECT_EQ(log, "rkrr");  // 'x' deleted by 'k', 'r' by itself
+  clock.ns += 10000000u;
   ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
-  EXPECT_EQ(k.victim, nullptr);
-  ASSERT_EQ(kro_dm_dispatch(d.dm), 0);  // the cancelled one stays disarmed
-  EXPECT_EQ(dm_test::stats(d.dm).timer_runs, 1u);
-}
+  clock.ns += 20000000u;
+  ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
+  EXPECT_EQ(log, "rkrrbeca");
+}  // the manager deletes the timers left
 
-TEST(DmTimer, InvalidArguments) {
-  Dm d;
-  Dm other;
-  kro_dm_timer_t *t = nullptr;
-  int cookie = 0;
-  ASSERT_EQ(kro_dm_timer_register(d.dm, &t, Repeater::handler, &cookie), 0);
-  const kro_dm_time_t bad{0, 1000000000u};
-  const kro_dm_time_t ok{0, 999999999u};
-  EXPECT_EQ(kro_dm_timer_settime(d.dm, t, &bad), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_settime(d.dm, t, nullptr), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_settime(other.dm, t, &ok), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_cancel(other.dm, t), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_register(d.dm, &t, nullptr, &cookie), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_register(other.dm, &t, nullptr, nullptr), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_register(nullptr, &t, Repeater::handler, &cookie), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_register(d.dm, nullptr, Repeater::handler, &cookie), KRO_DM_EINVAL);
-  EXPECT_EQ(kro_dm_timer_settime(d.dm, t, &ok), 0);
-  EXPECT_EQ(kro_dm_timer_register(d.dm, &t, nullptr, nullptr), 0);  // armed: never runs
-  EXPECT_EQ(t, nullptr);
-  EXPECT_EQ(kro_dm_timer_register(d.dm, &t, nullptr, nullptr), KRO_DM_EINVAL);
-}
-
-TEST(DmTimer, RealClockWaitSleepsUntilDeadline) {
-  Dm d;
-  struct Hit {
-    uint64_t deadline;
-    uint64_t at = 0;
-    static int handler(kro_dm_t *dm, kro_dm_timer_t *, void *cookie) {
-      static_cast<Hit *>(cookie)->at = kro_dm_now(dm);
-      return 0;
-    }
-  } hit{kro_dm_now(d.dm) + 20000000u};
-  kro_dm_timer_t *t = nullptr;
-  ASSERT_EQ(kro_dm_timer_register(d.dm, &t, Hit::handler, &hit), 0);
-  const kro_dm_time_t v = ms(20);
-  ASSERT_EQ(kro_dm_timer_settime(d.dm, t, &v), 0);
-  while (hit.at == 0) {
-    ASSERT_EQ(kro_dm_wait(d.dm), 0);
-    ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
-  }
-  EXPECT_GE(hit.at, hit.deadline);  // never early
-  EXPECT_GE(dm_test::stats(d.dm).sleeps, 1u);
-}
-
-// The way a channel close schedules its clean-up: create and arm {0, 0} from a foreign thread;
-// the handler, on the manager's thread, deletes its own timer.
-struct Cleanup {
-  std::atomic<unsigned> runs{0};
-  std::thread::id loop_thread;
-  static int handler(kro_dm_t *dm, kro_dm_timer_t *timer, void *cookie) {
-    auto *c = static_cast<Cleanup *>(cookie);
-    EXPECT_EQ(std::this_thread::get_id(), c->loop_thread);
-    EXPECT_EQ(kro_dm_timer_register(dm, &timer, nullptr, nullptr), 0);
-    c->runs.fetch_add(1);
-    return 0;
-  }
-};
-
+// The way a channel close schedules its clean-up: create and arm {0, 0} (some 1 ms) from a
+// foreign thread; the handler, on the manager's thread, deletes its own timer.
 TEST(DmTimer, ArmedFromOtherThreadsRunOnManagerThread) {
-  constexpr unsigned kThreads = 4;
-  constexpr unsigned kEach = 500;
+  constexpr unsigned kThreads = 4, kEach = 500;
+  static std::atomic<unsigned> runs{0};
+  static std::thread::id loop_thread;
+  auto cleanup = [](kro_dm_t *dm, kro_dm_timer_t *timer, void *) {
+    EXPECT_EQ(std::this_thread::get_id(), loop_thread);
+    runs.fetch_add(1);
+    return kro_dm_timer_register(dm, &timer, nullptr, nullptr);
+  };
   Dm d;
-  Cleanup c;
-  {
-    Loop loop(d.dm);
-    c.loop_thread = loop.id();
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < kThreads; ++i) {
-      threads.emplace_back([&] {
-        for (unsigned n = 0; n < kEach; ++n) {
-          kro_dm_timer_t *t = nullptr;
-          ASSERT_EQ(kro_dm_timer_register(d.dm, &t, Cleanup::handler, &c), 0);
-          const kro_dm_time_t v{0, n % 4 == 0 ? 1000000u : 0u};
-          ASSERT_EQ(kro_dm_timer_settime(d.dm, t, &v), 0);  // t may be gone right after
-        }
-      });
-    }
-    for (std::thread &t : threads) {
-      t.join();
-    }
-    while (c.runs.load() != kThreads * kEach) {
-      std::this_thread::yield();
-    }
+  dm_test::Loop loop{d.dm};
+  loop_thread = loop.thread.get_id();
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&] {
+      for (unsigned n = 0; n < kEach; ++n) {
+        kro_dm_timer_t *t = nullptr;
+        const kro_dm_time_t v{0, n % 4 == 0 ? 1000000u : 0u};
+        ASSERT_EQ(kro_dm_timer_register(d.dm, &t, cleanup, nullptr), 0);
+        ASSERT_EQ(kro_dm_timer_settime(d.dm, t, &v), 0);  // t may be gone right after
+      }
+    });
   }
-  EXPECT_EQ(c.runs.load(), kThreads * kEach);
+  for (std::thread &t : threads) {
+    t.join();
+  }
+  while (runs.load() != kThreads * kEach) {
+    std::this_thread::yield();
+  }
 }
 
-TEST(DmTimer, RegisterFailsCleanlyOnEveryAllocation) {
-  struct Row {
-    unsigned existing;  // timers created before the one under test
-    unsigned allocations;
-  } rows[] = {{0, 1}, {8, 2}};  // the record; with a full heap, its growth too
-  for (const Row &r : rows) {
-    SCOPED_TRACE(r.existing);
-    Dm d;
-    int cookie = 0;
-    std::vector<kro_dm_timer_t *> before(r.existing);
-    for (kro_dm_timer_t *&t : before) {
-      ASSERT_EQ(kro_dm_timer_register(d.dm, &t, Repeater::handler, &cookie), 0);
-    }
-    kro_dm_timer_t *t = nullptr;
-    const unsigned allocations = dm_test::sweep(
-        [&] {
-          const int rc = kro_dm_timer_register(d.dm, &t, Repeater::handler, &cookie);
-          EXPECT_TRUE(rc == 0 || t == nullptr);
-          return rc;
-        },
-        [&] { EXPECT_EQ(kro_dm_timer_register(d.dm, &t, nullptr, nullptr), 0); });
-    EXPECT_EQ(allocations, r.allocations);
+// What a managed timer handler does with the expiring leaf, per leaf.
+struct Ctx {
+  kro_mgd_timer_tree_t **tree = nullptr;
+  std::vector<uint32_t> *tags = nullptr;
+  uint32_t restart_ms = 0;                     // restart the expiring leaf
+  kro_mgd_timer_leaf_t **free_leaf = nullptr;  // free this leaf (maybe the expiring one)
+  static int expiry(kro_mgd_timer_tree_t *tree, kro_mgd_timer_leaf_t *leaf, void *context) {
+    auto *c = static_cast<Ctx *>(context);
+    EXPECT_EQ(tree, *c->tree);
+    c->tags->push_back(kro_mgd_timer_leaf_tag(leaf));
+    EXPECT_EQ(c->restart_ms ? kro_mgd_timer_leaf_start(leaf, c->restart_ms, 0) : 0, 0);
+    EXPECT_EQ(c->free_leaf ? kro_mgd_timer_leaf_free(c->free_leaf) : 0, 0);
+    return 0;
   }
+};
+
+// On a driven clock: one-shot, periodic, restarted-from-the-handler and stopped leaves expire in
+// deadline order (ties in start order); leaves are freed from the handler (the expiring one, and
+// another one due in the same step). Then the feature loop's teardown order: detach (stops the
+// leaves), free the tree (its memory goes with its last leaf), free the leaves.
+TEST(MgdTimer, LeavesInDeadlineOrderAndEveryTeardownOrder) {
+  Dm d;
+  dm_test::FakeClock clock;
+  ASSERT_EQ(kro_dm_set_clock(d.dm, dm_test::FakeClock::read, &clock), 0);
+  kro_mgd_timer_tree_t *tree = kro_mgd_timer_tree_alloc();
+  ASSERT_EQ(kro_mgd_timer_attach_xdm(tree, d.dm, Ctx::expiry), 0);
+  std::vector<uint32_t> tags;
+  const uint32_t start_ms[] = {15, 10, 12, 0, 5, 5, 5};  // 0: stopped
+  Ctx ctx[7];
+  kro_mgd_timer_leaf_t *leaves[7];
+  for (uint32_t i = 0; i < 7; ++i) {
+    ctx[i] = Ctx{&tree, &tags};
+    leaves[i] = kro_mgd_timer_leaf_alloc(tree, i, i == 1 ? KRO_MGD_TIMER_PERIODIC : 1, &ctx[i]);
+    ASSERT_EQ(kro_mgd_timer_leaf_start(leaves[i], start_ms[i], 0), 0);
+  }
+  ctx[2].restart_ms = 10;
+  ctx[4].free_leaf = &leaves[4];  // itself
+  ctx[5].free_leaf = &leaves[6];  // started after it, due in the same step
+  for (uint64_t ms : {4, 1, 10, 5, 10}) {
+    clock.ns += ms * 1000000u;
+    ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
+    EXPECT_EQ(tags.empty(), ms == 4);  // never early
+  }
+  // t = 5: 4, 5; t = 15: 1, 2 (restarted for 25), 0; t = 20: 1; t = 30: 2, then 1.
+  EXPECT_EQ(tags, (std::vector<uint32_t>{4, 5, 1, 2, 0, 1, 2, 1}));
+  EXPECT_TRUE(leaves[4] == nullptr && leaves[6] == nullptr);
+  ASSERT_EQ(kro_mgd_timer_detach_xdm(tree), 0);
+  EXPECT_EQ(kro_mgd_timer_leaf_start(leaves[0], 10, 0), KRO_MGD_TIMER_ENOTCONN);
+  const long live = zel_test::fault_live_blocks();
+  ASSERT_EQ(kro_mgd_timer_tree_free(&tree), 0);
+  EXPECT_EQ(zel_test::fault_live_blocks(), live);  // kept for its leaves
+  for (kro_mgd_timer_leaf_t *&l : leaves) {
+    EXPECT_EQ(kro_mgd_timer_leaf_free(&l), 0);
+  }
+  EXPECT_EQ(zel_test::fault_live_blocks(), live - 7);  // 5 leaves, then the tree and its heap
 }
 
 }  // namespace
