@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <kro/hashset.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <deque>
 #include <set>
@@ -118,3 +119,18 @@ TEST_F(HashSet, MapRemovalPreferenceAndAllocationFailure) {
 }
 
 }  // namespace
+
+// The byte hash is part of the platform contract: the same value on 32- and 64-bit builds, and
+// consecutive integer keys spread over the buckets.
+TEST(Hash, FixedValueAndSpread) {
+  const uint32_t id = 7;
+  EXPECT_EQ(kro_hash_calculate(&id, sizeof id), 0xe13eeed5u);
+  EXPECT_EQ(kro_hash_calculate(nullptr, 0), kro_hash_calculate("", 0));
+  constexpr uint32_t k_keys = 1u << 16;
+  std::vector<uint8_t> chain(k_keys, 0);
+  uint8_t longest = 0;
+  for (uint32_t k = 0; k < k_keys; ++k) {
+    longest = std::max(longest, ++chain[kro_hash_calculate(&k, sizeof k) & (k_keys - 1)]);
+  }
+  EXPECT_LT(longest, 12);
+}
