@@ -1,4 +1,4 @@
-/* The array header from C, through the shared library. */
+// The array header from C, through the shared library.
 #include <zel/array.h>
 
 #include <stddef.h>

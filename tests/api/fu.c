@@ -1,4 +1,4 @@
-/* The feature event loop header from C, through the shared library. */
+// The feature event loop header from C, through the shared library.
 #include <zel/fu.h>
 
 #include <stddef.h>

@@ -1,4 +1,4 @@
-/* The ID manager header from C, through the shared library. */
+// The ID manager header from C, through the shared library.
 #include <zel/id_mgr.h>
 
 int main(void) {

@@ -1,4 +1,4 @@
-/* The registry header from C, through the shared library. */
+// The registry header from C, through the shared library.
 #include <zel/ipc_reg.h>
 
 #include <stddef.h>

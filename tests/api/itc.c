@@ -1,5 +1,4 @@
-/* The channels' header from C, through the shared library; the public records keep their
- * layout. */
+// The channels' header from C, through the shared library; the public records keep their layout.
 #include <zel/itc.h>
 
 #include <stddef.h>

@@ -1,4 +1,4 @@
-/* The name-service header from C, through the shared library. */
+// The name-service header from C, through the shared library.
 #include <zel/name_service.h>
 
 #include <stddef.h>

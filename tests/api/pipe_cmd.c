@@ -1,4 +1,4 @@
-/* The pipe command header from C, through the shared library. */
+// The pipe command header from C, through the shared library.
 #include <zel/pipe_cmd.h>
 
 #include <stddef.h>
