@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/data/convert_reference.h"
+#include "fuzz/convert_reference.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string>
 
-#include "tests/data/convert_reference.h"
+#include "fuzz/convert_reference.h"
 
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)

@@ -1,117 +1,284 @@
-// The configuration object: limits, the append primitive, and the string's allocation and
-// lifetime.
-#include <cstddef>
+// The configuration object and its SNMP provider: each refusal with its result and trace point,
+// the configuration string byte for byte and in one allocation, every allocation failure, and
+// objects used on several threads at once.
+#include <gtest/gtest.h>
+#include <kro/probe.h>
+#include <zel/config.h>
+#include <zel/trace.h>
 
-#include "config_test_util.h"
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
 #include "support/fault.h"
 
-using namespace cfg_test;
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" size_t __sanitizer_get_allocated_size(const volatile void *p);
+#endif
 
 // The object's layout is shared with external providers: 40 bytes on 32-bit, 56 on 64-bit.
-static_assert(offsetof(zel_util_config_t, provider) == 11);
-static_assert(offsetof(zel_util_config_t, config_str) == 24);
-static_assert(offsetof(zel_util_config_t, prov_cfg) == 24 + sizeof(void *));
-static_assert(offsetof(zel_util_config_t, prov_cfg_free) == 24 + 2 * sizeof(void *));
-static_assert(offsetof(zel_util_config_t, prov_cfg_strcat) == 24 + 3 * sizeof(void *));
-static_assert(sizeof(zel_util_config_t) == 24 + 4 * sizeof(void *));
+static_assert(offsetof(zel_util_config_t, provider) == 11 &&
+              offsetof(zel_util_config_t, config_str) == 24 &&
+              offsetof(zel_util_config_t, prov_cfg_strcat) == 24 + 3 * sizeof(void *) &&
+              sizeof(zel_util_config_t) == 24 + 4 * sizeof(void *));
 
-TEST(ConfigCreate, LimitsAndNullArguments) {
-  const std::string ten(10, 'l'), eleven(11, 'l');
-  const struct {
-    const char *loc, *prov;
-    bool created, traced;
-  } rows[] = {{ten.c_str(), ten.c_str(), true, false}, {"", "", true, false},
-              {eleven.c_str(), "snmp", false, true},   {"loc1", eleven.c_str(), false, true},
-              {nullptr, "snmp", false, false},         {"loc1", nullptr, false, false}};
-  for (const auto &r : rows) {
-    SCOPED_TRACE(std::string(r.loc ? r.loc : "NULL") + " / " + (r.prov ? r.prov : "NULL"));
-    make();  // registers the module
-    kro_probe_journal_start();
-    Config c(zel_util_config_create(r.loc, r.prov));
-    ASSERT_EQ(c != nullptr, r.created);
-    if (r.traced) {
-      expect_one_trace("zel_util_config_create", "location/provider string exceeded max limit\n",
-                       3);
-    } else {
-      EXPECT_EQ(logged().size(), 0u);
-    }
-    if (c) {
-      EXPECT_STREQ(c->location, r.loc);
-      EXPECT_STREQ(c->provider, r.prov);
-      EXPECT_EQ(c->prov_cfg, nullptr);
-      EXPECT_EQ(zel_util_config_string_get(c.get()), nullptr);  // no provider part, no trace
-      EXPECT_EQ(logged().size(), 0u);
-    }
-  }
-  EXPECT_EQ(zel_util_config_string_get(nullptr), nullptr);
-  zel_util_config_destroy(nullptr);
+namespace {
+
+using Config = std::unique_ptr<zel_util_config_t, void (*)(zel_util_config_t *)>;
+using Op = std::function<int32_t(zel_util_config_t *)>;
+using Traces = std::vector<std::string>;
+
+Config make(const char *loc = "loc1", const char *prov = "snmp") {
+  static const bool registered = (zel_cfg_string_dt_init_once(), true);
+  (void)registered;
+  return Config(zel_util_config_create(loc, prov), zel_util_config_destroy);
 }
 
-TEST(CfgStrcat, CountAndWritePasses) {
+std::string str(zel_util_config_t *c) {
+  const char *s = zel_util_config_string_get(c);
+  return s == nullptr ? "(null)" : s;
+}
+
+// The error-level trace points of this module journalled since kro_probe_journal_start, each as
+// "FUNCTION: CODE: MESSAGE" (the journal adds "TID: MODULE: " before and the line after FUNCTION).
+Traces traces() {
+  const std::string level = "_kro_dt_log_filter_adv ZEL-CFG-STR.error ", module = ": ZEL-CFG-STR: ";
+  Traces out;
+  for (size_t i = 0; const char *e = kro_probe_journal_entry(i); ++i) {
+    const std::string entry = e;
+    const size_t at = entry.find(module);
+    if (entry.starts_with(level) && at != std::string::npos) {
+      const std::string rest = entry.substr(at + module.size());
+      out.push_back(rest.substr(0, rest.find(": ")) +
+                    rest.substr(rest.find(": ", rest.find(": ") + 2)));
+    }
+  }
+  return out;
+}
+
+Op ctx(const char *c) {
+  return [=](zel_util_config_t *cf) { return zel_util_snmp_add_context(cf, c); };
+}
+Op obj(const char *n, const char *o) {
+  return [=](zel_util_config_t *cf) { return zel_util_snmp_add_object(cf, n, o); };
+}
+Op inst(const char *n, zel_snmp_instance_type_t t, const char *oid, const char *end = nullptr,
+        int32_t count = 0) {
+  return
+      [=](zel_util_config_t *cf) { return zel_util_snmp_add_instance(cf, n, t, oid, end, count); };
+}
+
+constexpr zel_snmp_instance_type_t kExact = ZEL_SNMP_INSTANCE_EXACT,
+                                   kWild = ZEL_SNMP_INSTANCE_WILDCARD,
+                                   kRep = ZEL_SNMP_INSTANCE_REPEAT,
+                                   kRange = ZEL_SNMP_INSTANCE_RANGE;
+const std::string k11(11, 'l'), k33(33, 'n'), k81s(81, 'o'), k257(257, 'c');
+const char *const k81 = k81s.c_str();
+
+// Each refusal changes nothing (a full list frees the refused element): its result, its trace
+// point ("" when none) and the string afterwards.
+TEST(SnmpAdd, EveryTracedRefusal) {
+  const std::string a = "zel_util_snmp_add_", lp = "location/provider string exceeded max limit\n",
+                    objl = a + "object: 3: object list name/object string exceeds max limit\n",
+                    name = a + "object: 45: different object list name\n",
+                    start = a + "instance: 3: start oid exceeded max limit\n",
+                    type = a + "instance: 46: type mismatch\n", r12 = "/loc1/snmp///;/p;range;1-2",
+                    ctxl = a + "context: 3: context string exceeded max limit\n",
+                    instl = a + "instance: 3: instance list name exceeded max limit\n",
+                    end = a + "instance: 3: end oid exceeded max limit\n",
+                    wild = a + "instance: 3: wildcard oid exceeded max limit\n";
+  const Op full = [](zel_util_config_t *c) {  // both lists at their capacity
+    int32_t res = 0;
+    for (int i = 0; i < ZEL_SNMP_LIST_CAPACITY; ++i) {
+      res |= zel_util_snmp_add_object(c, "n", "o") | inst("n", kWild, nullptr)(c);
+    }
+    return res;
+  };
+  const auto create = [](const char *loc, const char *prov) {
+    return [=](zel_util_config_t *) { return zel_util_config_create(loc, prov) ? 0 : 3; };
+  };
   const struct {
-    const char *before;  // text already in the buffer; nullptr: count pass
-    int32_t counter;
-    const char *src, *after;
-    int32_t counter_after;
+    const char *label;
+    Op setup, call;
+    int32_t result;
+    std::string trace;
+    const char *after = "(null)";  // nullptr: not compared
   } rows[] = {
-      {nullptr, 5, "abc", nullptr, 8},
-      {nullptr, INT32_MAX - 1, "abc", nullptr, INT32_MAX},
-      {"", 8, "abc", "abc", 5},
-      {"ab", 6, "", "ab", 6},
-      {"ab", 6, "cdefg", "abcdefg", 0},     // exactly fills: 0, not 1
-      {"ab", 6, "cdefghij", "abcdefg", 0},  // cut to the capacity left
-      {"abcdefg", 1, "x", "abcdefg", 0},
-      {"abcdefg", 0, "x", "abcdefg", 0},
+      {"location 11", {}, create(k11.c_str(), "p"), 3, "zel_util_config_create: 3: " + lp},
+      {"provider 11", {}, create("l", k11.c_str()), 3, "zel_util_config_create: 3: " + lp},
+      {"context 257", {}, ctx(k257.c_str()), 3, ctxl},
+      {"context set", ctx("first"), ctx("second"), 9, "", "/loc1/snmp///;/;;/first"},
+      {"list name 33", {}, obj(k33.c_str(), "o"), 3, objl},
+      {"object 81", {}, obj("n", k81), 3, objl},
+      {"list name prefix", obj("ifX", "1"), obj("if", "2"), 11, name, "/loc1/snmp///ifX;1/;;"},
+      {"instance list name 33", {}, inst(k33.c_str(), kExact, "1"), 3, instl},
+      {"range without end, start 81", {}, inst("n", kRange, k81), 15, ""},
+      {"range both 81", {}, inst("n", kRange, k81, k81), 15, end},
+      {"range start 81", {}, inst("n", kRange, k81, "2"), 15, start},
+      {"wildcard 81", {}, inst("n", kWild, k81), 15, wild},
+      {"type 0", {}, inst("n", 0, "1"), 31, a + "instance: 26: unknown type\n"},
+      {"type 5", {}, inst("n", 5, "1"), 31, a + "instance: 26: unknown type\n"},
+      {"instance list name", inst("p", kRange, "1", "2"), inst("q", kExact, "1"), 11,
+       a + "instance: 44: instance list name mismatch\n", r12.c_str()},
+      {"type", inst("p", kRange, "1", "2"), inst("p", kExact, "1"), 11, type, r12.c_str()},
+      {"empty list name renamed with another type", inst("", kExact, "1"), inst("x", kRep, "2"), 11,
+       type, "/loc1/snmp///;/;exact;1"},
   };
   for (const auto &r : rows) {
-    SCOPED_TRACE(std::string(r.before ? r.before : "count") + " + " + r.src);
-    char buf[9] = {};  // 8 bytes that the counter allows, and a guard byte
-    int32_t counter = r.counter;
-    strcpy(buf, r.before ? r.before : "");
-    cfg_strcat(r.before ? buf : nullptr, r.src, &counter);
-    EXPECT_EQ(counter, r.counter_after);
-    EXPECT_STREQ(buf, r.before ? r.after : "");
+    SCOPED_TRACE(r.label);
+    Config c = make();
+    ASSERT_EQ(r.setup ? r.setup(c.get()) : 0, 0);
+    kro_probe_journal_start();
+    EXPECT_EQ(r.call(c.get()), r.result);
+    EXPECT_EQ(traces(), r.trace.empty() ? Traces{} : Traces{r.trace});
+    if (r.after != nullptr) {
+      EXPECT_EQ(str(c.get()), r.after);
+    }
+  }
+}
+
+// Each string byte for byte, built in one allocation of its length plus the terminator; a build
+// frees the string replaced by the one before it.
+TEST(SnmpString, ByteForByte) {
+  const std::string o80(80, '1'), n32(32, 'n'), c256(256, 'c'), h = "/loc1/snmp//";
+  const struct {
+    const char *label;
+    std::vector<Op> ops;  // each must return 0
+    std::string expected;
+  } rows[] = {
+      {"worked example",
+       {obj("ifCounters", "1.3.6.1.2.1.2.2.1.10"), obj("ifCounters", "1.3.6.1.2.1.2.2.1.16"),
+        inst("ports", kRange, "1", "24"), inst("ports", kRange, "101", "124"), ctx("ctxA")},
+       h + "/ifCounters;1.3.6.1.2.1.2.2.1.10,1.3.6.1.2.1.2.2.1.16/ports;range;1-24,101-124/ctxA"},
+      {"an empty context leaves it unset", {ctx(""), ctx("ctxA")}, h + "/;/;;/ctxA"},
+      {"texts at their limits",
+       {obj(n32.c_str(), o80.c_str()), inst(n32.c_str(), kRange, o80.c_str(), o80.c_str()),
+        ctx(c256.c_str())},
+       h + "/" + n32 + ";" + o80 + "/" + n32 + ";range;" + o80 + "-" + o80 + "/" + c256},
+      {"exact ignores end OID and count",
+       {inst("x", kExact, "1.3.6.1.2.1.1.5.0", k257.c_str(), 7)},
+       h + "/;/x;exact;1.3.6.1.2.1.1.5.0"},
+      {"repeats",
+       {inst("r", kRep, "5", k257.c_str(), 10), inst("r", kRep, "7", 0, -1),
+        inst("r", kRep, "", 0, INT32_MIN)},
+       h + "/;/r;repeat;5-10,7--1,--2147483648"},
+      {"wildcards",
+       {inst("w", kWild, nullptr), inst("w", kWild, nullptr), inst("w", kWild, "1")},
+       h + "/;/w;wildcard;,,1"},
+      {"separators are not escaped",
+       {obj("a/b;c", "1,2"), obj("a/b;c", "-/"), inst("i;j", kRange, "1-2", "3,4"), ctx("x/y")},
+       h + "/a/b;c;1,2,-//i;j;range;1-2-3,4/x/y"},
+      {"empty names: renamed, elements kept",
+       {obj("", "1"), obj("o", "2"), inst("", kExact, "1"), inst("i", kExact, "2")},
+       h + "/o;1,2/i;exact;1,2"},
+  };
+  for (const auto &r : rows) {
+    SCOPED_TRACE(r.label);
+    Config c = make();
+    for (const Op &op : r.ops) {
+      ASSERT_EQ(op(c.get()), 0);
+    }
+    const char *first = zel_util_config_string_get(c.get());
+    zel_test::fault_arm(0);
+    const char *built = zel_util_config_string_get(c.get());
+    EXPECT_EQ(zel_test::fault_allocations(), 1u);
+    ASSERT_NE(built, nullptr);
+    EXPECT_EQ(built, r.expected);
+    EXPECT_STREQ(first, built);  // the replaced string stays readable until the next build
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_EQ(__sanitizer_get_allocated_size(built), r.expected.size() + 1);
+#endif
+  }
+}
+
+// The exported append primitive counts, appends and cuts at the room left (an outside provider
+// writes through it alone).
+TEST(CfgStrcat, AppendsAndCutsAtTheRoomLeft) {
+  for (auto [before, counter, src, want, left] : {std::tuple{"", 8, "abc", "abc", 5},
+                                                  {"ab", 6, "cdefg", "abcdefg", 0},
+                                                  {"ab", 6, "cdefghij", "abcdefg", 0}}) {
+    SCOPED_TRACE(std::string(before) + " + " + src);
+    char buf[9] = {};  // room for 8 characters, and a guard byte
+    strcpy(buf, before);
+    cfg_strcat(buf, src, &counter);
+    EXPECT_STREQ(buf, want);
+    EXPECT_EQ(counter, left);
     EXPECT_EQ(buf[8], '\0');
   }
 }
 
-// A provider outside the library, writing through the exported primitive alone.
-static void ext_strcat(zel_util_config_t *c, char *dst, int32_t *counter) {
-  cfg_strcat(dst, static_cast<const char *>(c->prov_cfg), counter);
-  cfg_strcat(dst, "/tail", counter);
-}
-static void ext_unsizable(zel_util_config_t *, char *, int32_t *counter) {
-  *counter = INT32_MAX;
-}
-static void ext_free(zel_util_config_t *) {}
-
-TEST(ConfigString, ExternalProvider) {
-  Config c = make("", "");
-  char part[] = "ext";
-  c->prov_cfg = part;
-  c->prov_cfg_free = ext_free;
-  c->prov_cfg_strcat = ext_strcat;
-  EXPECT_EQ(str(c.get()), "////ext/tail");
-  EXPECT_EQ(zel_util_snmp_add_object(c.get(), "n", "o"), ZEL_CFG_EPROVIDER);  // left alone
-  c->prov_cfg_strcat = ext_unsizable;
-  kro_probe_journal_start();
-  EXPECT_EQ(zel_util_config_string_get(c.get()), nullptr);
-  EXPECT_EQ(c->config_str, nullptr);
-  expect_one_trace("zel_util_config_string_get", "memory allocation failed\n", 5);
+// Fails each allocation of `call` in turn, on an object `prepare` built: for each failure its
+// result, its trace point and the string built afterwards. The run without a failure succeeds.
+Traces failures(const Op &prepare, const Op &call) {
+  Traces out;
+  zel_test::fault_sweep([&](unsigned n) {
+    Config c = make();
+    prepare(c.get());
+    kro_probe_journal_start();
+    zel_test::fault_arm(n);
+    const int32_t res = call(c.get());
+    const bool hit = zel_test::fault_fired();
+    zel_test::fault_disarm();
+    EXPECT_TRUE(hit || res == ZEL_CFG_OK) << res;
+    const Traces t = traces();
+    if (hit) {
+      out.push_back(std::to_string(res) + " " + (t.size() == 1 ? t[0] : "?") + str(c.get()));
+    }
+    return hit;
+  });
+  return out;
 }
 
-// Each build replaces the string; the replaced one stays readable until the next build.
-TEST(ConfigString, TheEarlierStringStaysReadable) {
-  Config c = make();
-  ASSERT_EQ(zel_util_snmp_add_object(c.get(), "n", "o"), ZEL_CFG_OK);
-  const long base = zel_test::fault_live_blocks();
-  char *first = zel_util_config_string_get(c.get());
-  char *second = zel_util_config_string_get(c.get());
-  EXPECT_NE(first, second);
-  EXPECT_STREQ(first, "/loc1/snmp///n;o/;;");
-  EXPECT_STREQ(second, first);
-  EXPECT_EQ(c->config_str, second);
-  zel_util_config_string_get(c.get());  // frees the first, keeps the second
-  EXPECT_STREQ(second, c->config_str);
-  EXPECT_EQ(zel_test::fault_live_blocks(), base + 2);
+// A first addition allocates the provider part (result 4) and then, for objects and instances,
+// the element (result 5; the list's name and type stay stored). A failed string build keeps no
+// string, and the next build works.
+TEST(ConfigFault, EveryAllocation) {
+  const Op none = [](zel_util_config_t *) { return 0; };
+  const std::string part = "4 initialize_prov_cfg: 5: memory allocation failed\n(null)",
+                    failed = ": 5: memory allocation failed\n";
+  EXPECT_EQ(failures(none, [](zel_util_config_t *) { return make("l", "p") ? 0 : ZEL_CFG_ENOMEM; }),
+            Traces{"5 zel_util_config_create: 5: memory allocation failure\n(null)"});
+  EXPECT_EQ(failures(none, ctx("x")), Traces{part});
+  EXPECT_EQ(failures(none, obj("n", "1")),
+            (Traces{part, "5 zel_util_snmp_add_object" + failed + "/loc1/snmp///n;/;;"}));
+  EXPECT_EQ(failures(none, inst("r", kRep, "5", nullptr, 3)),
+            (Traces{part, "5 zel_util_snmp_add_instance" + failed + "/loc1/snmp///;/r;repeat;"}));
+  const Op built = [](zel_util_config_t *c) {  // a string to be replaced
+    return zel_util_snmp_add_object(c, "n", "o") + (zel_util_config_string_get(c) ? 0 : 1);
+  };
+  EXPECT_EQ(failures(built,
+                     [](zel_util_config_t *c) {
+                       return zel_util_config_string_get(c) || c->config_str ? 0 : 5;
+                     }),
+            Traces{"5 zel_util_config_string_get" + failed + "/loc1/snmp///n;o/;;"});
 }
+
+// Whole configurations built, rendered and destroyed on four threads at once, with refused
+// (traced) additions in between.
+TEST(ConfigThreads, IndependentObjectsInParallel) {
+  constexpr int kThreads = 4, kRounds = 200;
+  std::atomic<int> matched{0};
+  std::vector<std::jthread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&matched] {
+      for (int i = 0; i < kRounds; ++i) {
+        Config c = make();
+        for (const Op &op : {obj("ifCounters", "1.3.6"), obj("other", "1"),
+                             inst("ports", kRange, "1", "24"), ctx("ctxA")}) {
+          op(c.get());
+        }
+        matched += str(c.get()) == "/loc1/snmp///ifCounters;1.3.6/ports;range;1-24/ctxA";
+      }
+    });
+  }
+  threads.clear();  // joins them
+  EXPECT_EQ(matched.load(), kThreads * kRounds);
+}
+
+}  // namespace

@@ -1,8 +1,8 @@
-// Straightforward renderings of the value conversions, used as the oracle by the tests and the
-// fuzz target: each piece through snprintf into the room that is left, the text form built by
+// Straightforward renderings of the value conversions, used as the oracle by the fuzz target and
+// the benchmark: each piece through snprintf into the room that is left, the text form built by
 // shifting the written characters right when quoting turns on. Slow and obvious on purpose.
-#ifndef ZEL_TESTS_DATA_CONVERT_REFERENCE_H_
-#define ZEL_TESTS_DATA_CONVERT_REFERENCE_H_
+#ifndef ZEL_FUZZ_CONVERT_REFERENCE_H_
+#define ZEL_FUZZ_CONVERT_REFERENCE_H_
 
 #include <cctype>
 #include <cerrno>
@@ -129,4 +129,4 @@ inline uint32_t config_id(const char *text) {
 
 }  // namespace zel_ref
 
-#endif  // ZEL_TESTS_DATA_CONVERT_REFERENCE_H_
+#endif  // ZEL_FUZZ_CONVERT_REFERENCE_H_

@@ -1,0 +1,331 @@
+// The row data records: release and deep copy, every allocation of a copy failed in turn. The
+// value conversions: the stated texts, cut at every buffer length; octet strings by the calling
+// thread's locale, on several threads at once; the configuration id of a result text.
+#include <zel/convert.h>
+#include <zel/data.h>
+
+#include <gtest/gtest.h>
+
+#include <locale.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <latch>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/fault.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+// The records cross the process boundary of the collector: their layout is fixed.
+constexpr bool k32 = sizeof(void *) == 4;
+static_assert(sizeof(zel_row_data_t) == (k32 ? 20 : 24) && offsetof(zel_row_data_t, kind) == 8 &&
+              offsetof(zel_row_data_t, count) == 12 && offsetof(zel_row_data_t, items) == 16);
+static_assert(sizeof(zel_data_value_t) == (k32 ? 12 : 16) && offsetof(zel_data_value_t, len) == 4 &&
+              offsetof(zel_data_value_t, data) == 8);
+static_assert(sizeof(zel_data_template_t) == (k32 ? 20 : 24) &&
+              offsetof(zel_data_template_t, attr2) == (k32 ? 8 : 12) &&
+              offsetof(zel_data_template_t, attr3) == (k32 ? 12 : 16) &&
+              offsetof(zel_data_template_t, attr4) == (k32 ? 16 : 20));
+static_assert(sizeof(zel_data_error_t) == (k32 ? 8 : 16) &&
+              offsetof(zel_data_error_t, detail) == (k32 ? 4 : 8) &&
+              sizeof(zel_data_complete_t) == 8);
+
+namespace {
+
+// A value owning a copy of `bytes` (no data when NULL).
+void *value(uint32_t tag, const char *bytes, uint32_t len) {
+  auto *v = static_cast<zel_data_value_t *>(calloc(1, sizeof(zel_data_value_t)));
+  *v = {tag, len, bytes ? static_cast<uint8_t *>(memcpy(malloc(len + 1), bytes, len)) : nullptr};
+  return v;
+}
+
+void *tmpl(const char *name, uint32_t a1, uint16_t a2) {
+  auto *t = static_cast<zel_data_template_t *>(calloc(1, sizeof(zel_data_template_t)));
+  *t = {name != nullptr ? strdup(name) : nullptr, a1, a2, ~a1, static_cast<uint16_t>(~a2)};
+  return t;
+}
+
+// A row of `count` slots holding `items` from slot 0 on; no items array when with_items is false.
+zel_row_data_t *row(uint32_t kind, uint32_t count, bool with_items,
+                    std::initializer_list<void *> items = {}) {
+  auto *r = static_cast<zel_row_data_t *>(calloc(1, sizeof(zel_row_data_t)));
+  *r = {0xA1, 0xB2, kind, count, nullptr};
+  if (with_items) {
+    r->items = static_cast<void **>(calloc(count + 1, sizeof(void *)));
+    std::copy(items.begin(), items.end(), r->items);
+  }
+  return r;
+}
+
+// Everything a row holds, item by item.
+std::string show(const zel_row_data_t *r) {
+  std::ostringstream o;
+  o << r->word0 << ' ' << r->word1 << ' ' << r->kind << ' ' << r->count << (r->items ? ":" : "");
+  for (uint32_t i = 0; r->items != nullptr && i < r->count; ++i) {
+    const auto *v = static_cast<const zel_data_value_t *>(r->items[i]);
+    const auto *t = static_cast<const zel_data_template_t *>(r->items[i]);
+    if (r->items[i] == nullptr) {
+      o << " -";
+    } else if (r->kind == ZEL_ROW_DATA_VALUE) {
+      o << " v" << v->tag << '/' << v->len << '/'
+        << (v->data ? std::string(reinterpret_cast<char *>(v->data), v->len) : "null");
+    } else {
+      o << " t" << (t->name ? t->name : "null") << '/' << t->attr1 << '/' << t->attr2 << '/'
+        << t->attr3 << '/' << t->attr4;
+    }
+  }
+  return o.str();
+}
+
+// An error's detail goes with its row.
+TEST(DataRecords, CleanupReleasesEveryOwnedBlock) {
+  const long live = zel_test::fault_live_blocks();
+  auto *err = static_cast<zel_data_error_t *>(calloc(1, sizeof(zel_data_error_t)));
+  err->detail = malloc(16);
+  zel_row_data_t_cleanup(row(ZEL_ROW_DATA_ERROR, 2, true, {err, nullptr}));
+  EXPECT_EQ(zel_test::fault_live_blocks(), live);
+}
+
+// A copy holds what its source holds and shares no block with it; failing any of its
+// allocations (row, array, then each item's blocks) gives NULL and leaves nothing behind.
+TEST(DataRecords, CopiesShareNothingAndFailCleanly) {
+  const std::pair<zel_row_data_t *, unsigned> rows[] = {
+      {row(ZEL_ROW_DATA_VALUE, 5, true,
+           {value(1, "a", 1), nullptr, value(2, "\0bc", 3), value(3, nullptr, 5), value(4, "", 0)}),
+       9},
+      {row(ZEL_ROW_DATA_TEMPLATE, 3, true,
+           {tmpl("ifHCInOctets", 0x80000001u, 0xFFFF), nullptr, tmpl(nullptr, 2, 2)}),
+       5},
+      {row(ZEL_ROW_DATA_VALUE, 7, false), 1},
+      {row(ZEL_ROW_DATA_COMPLETE, 2, true), 2},
+      {row(9, 0, true), 2}};
+  for (auto [src, allocations] : rows) {
+    const std::string want = show(src);
+    SCOPED_TRACE(want);
+    const unsigned runs = zel_test::fault_sweep([src = src, &want](unsigned n) {
+      zel_row_data_t *copy = nullptr;
+      {
+        zel_test::FaultScope scope(n);
+        copy = zel_row_data_t_dup(src);
+      }
+      EXPECT_EQ(copy == nullptr, zel_test::fault_fired()) << "failing allocation " << n;
+      EXPECT_EQ(copy != nullptr ? show(copy) : want, want);
+      zel_row_data_t_cleanup(copy);  // a block it shared would be read after being freed
+      EXPECT_EQ(show(src), want);
+      return zel_test::fault_fired();
+    });
+    EXPECT_EQ(runs, allocations);
+    zel_row_data_t_cleanup(src);
+  }
+}
+
+using Convert = int32_t (*)(char *, uint32_t, const zel_data_value_t *);
+constexpr char kUntouched = '\x5A';
+
+zel_data_value_t value_of(const std::vector<uint8_t> &bytes) {
+  return {0, static_cast<uint32_t>(bytes.size()), const_cast<uint8_t *>(bytes.data())};
+}
+
+std::vector<uint8_t> arcs_of(const std::vector<uint32_t> &arcs) {
+  std::vector<uint8_t> bytes(arcs.size() * 4);
+  memcpy(bytes.data(), arcs.data(), bytes.size());
+  return bytes;
+}
+
+// The measure call (with and without a buffer, which stays untouched) gives the text's length;
+// every buf_len from 1 to past it leaves the first buf_len characters, terminated, and nothing
+// after them.
+void expect_text(Convert convert, const std::vector<uint8_t> &bytes, const std::string &text) {
+  const zel_data_value_t value = value_of(bytes);
+  const auto len = static_cast<int32_t>(text.size());
+  std::string probe(4, kUntouched);
+  ASSERT_EQ(convert(nullptr, 0, &value), len);
+  ASSERT_EQ(convert(probe.data(), 0, &value), len);
+  EXPECT_EQ(probe, std::string(4, kUntouched));
+  for (size_t buf_len = 1; buf_len <= text.size() + 1; ++buf_len) {
+    std::string buf(buf_len + 8, kUntouched);
+    ASSERT_EQ(convert(buf.data(), static_cast<uint32_t>(buf_len), &value), len) << buf_len;
+    const size_t n = std::min(buf_len, text.size());
+    ASSERT_EQ(buf, text.substr(0, n) + '\0' + std::string(buf_len + 7 - n, kUntouched)) << buf_len;
+  }
+}
+
+TEST(ConvertNumeric, TextsCutAtEveryLength) {
+  const Convert ip = zel_convert_stream_to_ip_addr_str, oid = zel_convert_stream_to_oid_str;
+  // Arcs at every change of digit count, and the most arcs an identifier has, all of ten digits.
+  const std::vector<uint32_t> edges = {
+      0, 9, 10, 99, 100, 65535, 99999999, 100000000, 999999999, 1000000000, 4294967295u};
+  std::string longest = "4294967295";
+  for (int i = 1; i < 128; ++i) {
+    longest += ".4294967295";
+  }
+  const struct {
+    Convert convert;
+    std::vector<uint8_t> bytes;
+    std::string text;
+  } rows[] = {
+      {ip, {10, 0, 0, 1}, "\"10.0.0.1\""},
+      {ip, {0, 99, 100, 255}, "\"0.99.100.255\""},
+      {ip, {0xAB, 0xCD, 0, 1, 0xFF}, "\"abcd:0001\""},
+      {ip,
+       {0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0x02, 0x1b, 0x21, 0xff, 0xfe, 0x3c, 0x4d, 0x5e},
+       "\"fe80:0000:0000:0000:021b:21ff:fe3c:4d5e\""},
+      {ip, {1}, "\"\""},
+      {oid, arcs_of({1, 3, 6, 1, 2, 1, 1, 5, 0}), "1.3.6.1.2.1.1.5.0"},
+      {oid, arcs_of({42}), "42"},
+      {oid, {1, 0, 0, 0, 2, 0, 0, 0, 9}, "1.2"},
+      {oid, arcs_of(edges),
+       "0.9.10.99.100.65535.99999999.100000000.999999999.1000000000.4294967295"},
+      {oid, arcs_of(std::vector<uint32_t>(128, 4294967295u)), longest},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.text);
+    expect_text(row.convert, row.bytes, row.text);
+  }
+}
+
+// Renders `bytes` by the calling order (L, then L + 1 zeroed bytes and buf_len L) and then cut at
+// every shorter buf_len: the first min(F, buf_len + 1) characters of the full form F, nothing
+// else written. The value's len is never read. Returns F.
+std::string octets(const std::string &bytes, uint32_t *len) {
+  const auto n = static_cast<uint32_t>(bytes.size());
+  const zel_data_value_t value{0, 0, reinterpret_cast<uint8_t *>(const_cast<char *>(bytes.data()))};
+  *len = zel_convert_stream_to_ascii_or_hex_len(&value, n);
+  std::string buf = std::string(*len + 1, '\0') + std::string(8, kUntouched);
+  const uint32_t written = zel_convert_stream_to_ascii_or_hex(buf.data(), *len, &value, n);
+  // The text form writes L characters and leaves the last byte alone; the hex form fills it.
+  EXPECT_TRUE(written == *len + 1 || written == *len);
+  const std::string full = buf.substr(0, written);
+  EXPECT_EQ(buf, full + std::string(*len + 1 - written, '\0') + std::string(8, kUntouched));
+  for (uint32_t buf_len = 0; buf_len < *len; ++buf_len) {
+    std::string cut(*len + 8, kUntouched);
+    const uint32_t k = zel_convert_stream_to_ascii_or_hex(cut.data(), buf_len, &value, n);
+    EXPECT_EQ(cut, full.substr(0, buf_len + 1) + std::string(*len + 8 - k, kUntouched)) << buf_len;
+  }
+  return full;
+}
+
+TEST(ConvertOctets, TextAndHexFormsCutAtEveryLength) {
+  const struct {
+    std::string bytes;
+    uint32_t len;
+    std::string form;
+  } rows[] = {{"ifDescr eth0", 12, "ifDescr eth0"},
+              {"a,b", 5, "\"a,b\""},
+              {"x\ny", 5, "\"x\ny\""},
+              {"C:\\dir", 7, "C:\\\\dir"},
+              {"say \"hi\"", 12, "\"say \\\"hi\\\"\""},
+              {"q\"u,o\\te", 12, "\"q\\\"u,o\\\\te\""},
+              {"a\tb\rc\x0b\x0c", 7, "a\tb\rc\x0b\x0c"},
+              {std::string("\x00\x01\xff", 3), 9, "\"00:01:ff\""},
+              {"a,b\x01", 12, "\"61:2c:62:01\""}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.form);
+    uint32_t len = 0;
+    EXPECT_EQ(octets(row.bytes, &len), row.form);
+    EXPECT_EQ(len, row.len);
+  }
+}
+
+// In the C locale a byte is text exactly when isprint or isspace says so.
+TEST(ConvertOctets, EveryByteInTheCLocale) {
+  for (int c = 0; c < 256; ++c) {
+    char hex[5];
+    snprintf(hex, sizeof hex, "\"%02x\"", c);
+    uint32_t len = 0;
+    EXPECT_EQ(octets(std::string(1, static_cast<char>(c)), &len) != hex,
+              isprint(c) != 0 || isspace(c) != 0)
+        << "byte " << c;
+  }
+}
+
+// Two threads convert the same bytes at once, each under its own locale: 0xE9 is a letter in
+// ISO-8859-1 (built here) and not text in the global C locale.
+TEST(ConvertConcurrency, ThreadsConvertAtOnceEachByItsLocale) {
+  char dir[] = "/tmp/zel_locale_XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  locale_t latin1 = nullptr;
+  if (system(("localedef -i en_US -f ISO-8859-1 " + std::string(dir) + "/l1 >/dev/null 2>&1")
+                 .c_str()) == 0) {
+#if defined(__SANITIZE_ADDRESS__)
+    const __lsan::ScopedDisabler keep_locale_path;  // newlocale keeps the path for good
+#endif
+    setenv("LOCPATH", dir, 1);
+    latin1 = newlocale(LC_CTYPE_MASK, "l1", nullptr);
+    unsetenv("LOCPATH");
+  }
+  EXPECT_EQ(system(("rm -rf " + std::string(dir)).c_str()), 0);
+  if (latin1 == nullptr) {
+    GTEST_SKIP() << "no ISO-8859-1 locale can be built here";
+  }
+  constexpr int kRounds = 3000;
+  std::latch start(2);
+  const std::vector<uint8_t> cafe = {'c', 'a', 'f', 0xe9, ','};
+  std::atomic<int> ok{0};
+  auto worker = [&](locale_t loc, const std::string &want) {
+    uselocale(loc);
+    start.arrive_and_wait();
+    const zel_data_value_t octets = value_of(cafe);
+    for (int i = 0; i < kRounds; ++i) {
+      char buf[32] = {};
+      ok += std::string(buf, zel_convert_stream_to_ascii_or_hex(buf, 31, &octets, 5)) == want;
+    }
+    uselocale(LC_GLOBAL_LOCALE);
+  };
+  std::thread t1(worker, latin1, "\"caf\xe9,\""),
+      t2(worker, LC_GLOBAL_LOCALE, "\"63:61:66:e9:2c\"");
+  t1.join();
+  t2.join();
+  EXPECT_EQ(ok.load(), 2 * kRounds);
+  freelocale(latin1);
+}
+
+TEST(ConfigId, ReadsTheNumberBeforeTheFirstSlash) {
+  const struct {
+    const char *text;
+    uint32_t id;
+  } rows[] = {{"/42/ok", 42},
+              {"#7", 7},
+              {"//x", 0},
+              {"/2147483648/x", 2147483647u},
+              {"/-1/", 0xFFFFFFFFu},
+              {"x-2147483649", 0x80000000u},
+              {"/12345678901/", 0},  // eleven characters before the slash
+              {"/1234567890/", 1234567890u},
+              {"/  +17/", 17},
+              {"/12ab/", 12},
+              {"7", 0},
+              {"", 0}};
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.text);
+    uint32_t id = 0xA5A5A5A5u;
+    zel_extract_config_id_from_config_result(&id, row.text);
+    EXPECT_EQ(id, row.id);
+  }
+}
+
+TEST(ConfigId, ScratchFailureLeavesZero) {
+  const unsigned allocations = zel_test::fault_sweep([](unsigned n) {
+    uint32_t id = 9;
+    {
+      zel_test::FaultScope scope(n);
+      zel_extract_config_id_from_config_result(&id, "/42/ok");
+    }
+    EXPECT_EQ(id, zel_test::fault_fired() ? 0u : 42u);
+    return zel_test::fault_fired();
+  });
+  EXPECT_EQ(allocations, 1u);
+}
+
+}  // namespace
