@@ -117,33 +117,25 @@ TEST(FuLoop, FailedReceiveEndsWithEbusyAndLeavesDescriptorUnarmed) {
   }
 }
 
-TEST(FuLoop, HeartbeatsGoOnWhileNoMessageComes) {
+// Heartbeats go on while no message comes; then the exit state, set by another thread while the
+// loop waits, destroys the handle and tells the host.
+TEST(FuLoop, HeartbeatsGoOnUntilAMessageOrTheExitState) {
   Loop l(1);
-  l.open();
-  std::thread feeder([&l] {
-    fu_probe_wait_heartbeats(5);
-    l.send("late");
-  });
-  EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
-  feeder.join();
-  EXPECT_EQ(l.ev.msg.len, 4u);
-  EXPECT_GE(l.stats().timer_runs, 4u);  // each wait but the last ended by the heartbeat timer
-  EXPECT_EQ(l.stats().fd_runs, 1u);
-}
-
-// The exit state set by another thread while the loop waits: the handle is destroyed and the
-// host told.
-TEST(FuLoop, ExitStateSetWhileWaitingDestroysTheHandle) {
-  Loop l(2);
   const long before = zel_test::fault_live_blocks();
   l.open();
-  kro_probe_journal_start();
-  std::thread utility([] {
-    fu_probe_wait_heartbeats(3);
+  std::thread other([&l] {
+    fu_probe_wait_heartbeats(5);
+    l.send("late");
+    fu_probe_wait_heartbeats(10);
     fu_probe_set_state(FU_STATE_EXIT);
   });
   EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
-  utility.join();
+  EXPECT_EQ(l.ev.msg.len, 4u);
+  EXPECT_GE(l.stats().timer_runs, 4u);  // each wait but the last ended by the heartbeat timer
+  EXPECT_EQ(l.stats().fd_runs, 1u);
+  kro_probe_journal_start();
+  EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
+  other.join();
   kro_probe_journal_stop();
   l.h = nullptr;
   EXPECT_STREQ(kro_probe_journal_entry(kro_probe_journal_count() - 1),
