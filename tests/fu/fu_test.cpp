@@ -1,6 +1,6 @@
-// Feature event loop: registration, one message per dequeue on a real descriptor, failed
-// receives, the heartbeat timer, the exit path, destruction, the queue of enabled instances and
-// allocation failures.
+// Feature event loop: one message per dequeue on a real descriptor, failed receives, the
+// heartbeat timer, the exit path, destruction, the queue of enabled instances and allocation
+// failures.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -33,16 +33,18 @@ static_assert(sizeof(fu_fsm_event_t) == 4108 && sizeof(fu_pmx_recv_opts_t) == 40
 
 namespace {
 
-// A loop's surroundings: a dispatch manager and a stream socket pair whose first end is the
-// message descriptor, with the host stand-ins reset.
+// A dispatch manager and a stream socket pair whose first end is the message descriptor, with
+// the host stand-ins reset. The handle, when still set, is destroyed before the manager.
 struct Loop {
   kro_dm_t *dm = nullptr;
   int sv[2] = {-1, -1};
   int32_t fd = -1;
   zel_fu_handle_t *h = nullptr;
+  fu_fsm_event_t ev{};
 
-  Loop() {
+  explicit Loop(uint32_t timeout_ms = 1000) {
     fu_probe_reset();
+    fu_probe_set_heartbeat_timeout(timeout_ms);
     EXPECT_EQ(kro_dm_create(&dm), 0);
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
     fd = sv[0];
@@ -50,25 +52,12 @@ struct Loop {
   ~Loop() {
     zel_fu_handle_destroy(h);
     EXPECT_EQ(kro_dm_destroy(&dm), 0);  // refused if the timer tree were still attached
-    close_peer();
+    close(sv[1]);
     close(sv[0]);
   }
-  Loop(const Loop &) = delete;
-  Loop &operator=(const Loop &) = delete;
-
-  zel_fu_handle_t *open(uint32_t timeout_ms) {
-    fu_probe_set_heartbeat_timeout(timeout_ms);
-    h = zel_fu_register_events(&dm, &fd);
-    return h;
-  }
+  void open() { ASSERT_NE(h = zel_fu_register_events(&dm, &fd), nullptr); }
   void send(const char *s) {
     ASSERT_EQ(fu_pmx_send(sv[1], s, static_cast<uint32_t>(strlen(s))), 0);
-  }
-  void close_peer() {
-    if (sv[1] >= 0) {
-      close(sv[1]);
-      sv[1] = -1;
-    }
   }
   kro_dm_stats_t stats() const {
     kro_dm_stats_t st{};
@@ -83,46 +72,20 @@ uint32_t word_at(const void *rec, size_t offset) {
   return w;
 }
 
-TEST(FuLoop, RegisterRefusesMissingManagerOrDescriptor) {
-  Loop l;
-  kro_dm_t *no_dm = nullptr;
-  const int32_t zero = 0, negative = -1;
-  const struct {
-    const char *name;
-    kro_dm_t *const *dm_ref;
-    const int32_t *fd_ref;
-  } rows[] = {{"no dm_ref", nullptr, &l.fd},
-              {"no manager", &no_dm, &l.fd},
-              {"no fd_ref", &l.dm, nullptr},
-              {"descriptor 0", &l.dm, &zero},
-              {"negative descriptor", &l.dm, &negative}};
-  const long before = zel_test::fault_live_blocks();
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(zel_fu_register_events(row.dm_ref, row.fd_ref), nullptr);
-    EXPECT_EQ(zel_test::fault_live_blocks(), before);
-  }
-  EXPECT_EQ(zel_fu_dequeue(nullptr, nullptr), ZEL_FU_EINVAL);
-}
-
 TEST(FuLoop, EachMessageFillsTheRecordAndRearms) {
   Loop l;
-  ASSERT_NE(l.open(1000), nullptr);
-  EXPECT_EQ(kro_mgd_timer_leaf_running(l.h->hb_leaf), 1);
-  fu_fsm_event_t ev{};
+  l.open();
   for (const char *text : {"first", "", "third message"}) {
     SCOPED_TRACE(text);
     l.send(text);
-    ASSERT_EQ(zel_fu_dequeue(l.h, &ev), ZEL_FU_OK);
-    EXPECT_EQ(word_at(&ev, 4), 1u);
-    EXPECT_EQ(word_at(&ev, 8), static_cast<uint32_t>(l.fd));
-    ASSERT_EQ(word_at(&ev, 12), strlen(text));
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(&ev) + 16, strlen(text)), text);
-    EXPECT_EQ(l.h->done, 0u);
+    ASSERT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
+    EXPECT_EQ(word_at(&l.ev, 4), 1u);
+    EXPECT_EQ(word_at(&l.ev, 8), static_cast<uint32_t>(l.fd));
+    ASSERT_EQ(word_at(&l.ev, 12), strlen(text));
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(&l.ev) + 16, strlen(text)), text);
   }
   EXPECT_EQ(l.stats().fd_runs, 3u);  // re-armed after every message
   EXPECT_EQ(fu_probe_event_inits(), 3u);
-  EXPECT_GE(fu_probe_heartbeats(), 3u);
   fu_pmx_recv_opts_t opts{};
   fu_probe_last_recv_opts(&opts);
   const fu_pmx_recv_opts_t want{0, 1, {}};
@@ -132,112 +95,84 @@ TEST(FuLoop, EachMessageFillsTheRecordAndRearms) {
 // A failed receive or a missing record ends the wait with 16 and leaves the descriptor
 // unarmed: the next call ends only on the exit path, without another descriptor callback.
 TEST(FuLoop, FailedReceiveEndsWithEbusyAndLeavesDescriptorUnarmed) {
-  enum Cause { kPeerClosed, kOversized, kNoRecord };
-  const struct {
-    const char *name;
-    Cause cause;
-  } rows[] = {{"peer closed", kPeerClosed}, {"oversized", kOversized}, {"no record", kNoRecord}};
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.name);
-    Loop l;
-    ASSERT_NE(l.open(1), nullptr);
-    fu_fsm_event_t ev{};
-    if (row.cause == kPeerClosed) {
-      l.close_peer();
-    } else if (row.cause == kOversized) {
-      const uint32_t len = FU_PMX_DATA_MAX + 1;
+  for (const char *cause : {"peer closed", "oversized", "no record"}) {
+    SCOPED_TRACE(cause);
+    Loop l(1);
+    l.open();
+    const uint32_t len = FU_PMX_DATA_MAX + 1;
+    if (cause[0] == 'p') {
+      shutdown(l.sv[1], SHUT_WR);
+    } else if (cause[0] == 'o') {
       ASSERT_EQ(write(l.sv[1], &len, sizeof len), static_cast<ssize_t>(sizeof len));
     } else {
       l.send("unread");
     }
-    EXPECT_EQ(zel_fu_dequeue(l.h, row.cause == kNoRecord ? nullptr : &ev), ZEL_FU_EBUSY);
-    EXPECT_EQ(fu_probe_event_inits(), row.cause == kNoRecord ? 0u : 1u);
+    EXPECT_EQ(zel_fu_dequeue(l.h, cause[0] == 'n' ? nullptr : &l.ev), ZEL_FU_EBUSY);
+    EXPECT_EQ(fu_probe_event_inits(), cause[0] == 'n' ? 0u : 1u);
     fu_probe_set_state(FU_STATE_EXIT);
-    EXPECT_EQ(zel_fu_dequeue(l.h, &ev), ZEL_FU_OK);
+    EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
     l.h = nullptr;
     EXPECT_EQ(fu_probe_postcleanup_calls(), 1u);
     EXPECT_EQ(l.stats().fd_runs, 1u);
   }
 }
 
-TEST(FuLoop, HeartbeatsGoOnWhileNoMessageComes) {
-  Loop l;
-  ASSERT_NE(l.open(1), nullptr);
-  std::thread feeder([&l] {
+// Heartbeats go on while no message comes; then the exit state, set by another thread while the
+// loop waits, destroys the handle and tells the host.
+TEST(FuLoop, HeartbeatsGoOnUntilAMessageOrTheExitState) {
+  Loop l(1);
+  const long before = zel_test::fault_live_blocks();
+  l.open();
+  std::thread other([&l] {
     fu_probe_wait_heartbeats(5);
     l.send("late");
-  });
-  fu_fsm_event_t ev{};
-  EXPECT_EQ(zel_fu_dequeue(l.h, &ev), ZEL_FU_OK);
-  feeder.join();
-  EXPECT_EQ(ev.msg.len, 4u);
-  EXPECT_GE(fu_probe_heartbeats(), 5u);
-  EXPECT_GE(l.stats().timer_runs, 4u);  // each wait but the last ended by the heartbeat timer
-  EXPECT_EQ(l.stats().fd_runs, 1u);
-}
-
-TEST(FuLoop, ExitStateSetWhileWaitingDestroysTheHandle) {
-  Loop l;
-  const long before = zel_test::fault_live_blocks();
-  ASSERT_NE(l.open(2), nullptr);
-  kro_probe_journal_start();
-  std::thread utility([] {
-    fu_probe_wait_heartbeats(3);
+    fu_probe_wait_heartbeats(10);
     fu_probe_set_state(FU_STATE_EXIT);
   });
-  fu_fsm_event_t ev{};
-  EXPECT_EQ(zel_fu_dequeue(l.h, &ev), ZEL_FU_OK);
-  utility.join();
+  EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
+  EXPECT_EQ(l.ev.msg.len, 4u);
+  EXPECT_GE(l.stats().timer_runs, 4u);  // each wait but the last ended by the heartbeat timer
+  EXPECT_EQ(l.stats().fd_runs, 1u);
+  kro_probe_journal_start();
+  EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
+  other.join();
   kro_probe_journal_stop();
   l.h = nullptr;
-  EXPECT_EQ(fu_probe_postcleanup_calls(), 1u);
   EXPECT_STREQ(kro_probe_journal_entry(kro_probe_journal_count() - 1),
                "fu_condnal_postcleanup_done 0");
   EXPECT_EQ(zel_test::fault_live_blocks(), before);
-  // The registration went with the handle: a message now reaches no handler.
-  l.send("after");
-  kro_dm_wake(l.dm);
-  ASSERT_EQ(kro_dm_wait(l.dm), 0);
-  ASSERT_EQ(kro_dm_dispatch(l.dm), 0);
-  EXPECT_EQ(l.stats().fd_runs, 0u);
 }
 
+// Destruction withdraws the descriptor registration, also a readiness already collected.
 TEST(FuLoop, DestroyWithdrawsAReadinessAlreadyCollected) {
   Loop l;
-  ASSERT_NE(l.open(1000), nullptr);
+  l.open();
   l.send("pending");
   ASSERT_EQ(kro_dm_wait(l.dm), 0);
   zel_fu_handle_destroy(l.h);
   l.h = nullptr;
   ASSERT_EQ(kro_dm_dispatch(l.dm), 0);
   EXPECT_EQ(l.stats().fd_runs, 0u);
-  zel_fu_handle_destroy(nullptr);
 }
 
-TEST(FuLoop, TimeoutZeroLeavesTheLeafStopped) {
+// An expiry restarts the leaf only for a non-zero timeout; with the exit state it ends the
+// wait with an exit request and stops the leaf.
+TEST(FuLoop, HeartbeatTimeoutZeroLeavesTheLeafStopped) {
   for (uint32_t timeout : {0u, 50u}) {
     SCOPED_TRACE(timeout);
-    Loop l;
-    ASSERT_NE(l.open(timeout), nullptr);
+    Loop l(timeout);
+    l.open();
     const int running = timeout != 0 ? 1 : 0;
     EXPECT_EQ(kro_mgd_timer_leaf_running(l.h->hb_leaf), running);
     l.send("m");
-    fu_fsm_event_t ev{};
-    ASSERT_EQ(zel_fu_dequeue(l.h, &ev), ZEL_FU_OK);
-    EXPECT_EQ(kro_mgd_timer_leaf_running(l.h->hb_leaf), running);
-    // An expiry with the state not 5 restarts the leaf only for a non-zero timeout.
+    ASSERT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
     EXPECT_EQ(zel_fu_timer_event_handler(nullptr, l.h->hb_leaf, l.h), 0);
     EXPECT_EQ(kro_mgd_timer_leaf_running(l.h->hb_leaf), running);
-    EXPECT_EQ(l.h->done, 0u);
-    // State 5 at an expiry: the wait is over with an exit request, the leaf stopped.
     fu_probe_set_state(FU_STATE_EXIT);
     EXPECT_EQ(zel_fu_timer_event_handler(nullptr, l.h->hb_leaf, l.h), 0);
     EXPECT_EQ(kro_mgd_timer_leaf_running(l.h->hb_leaf), 0);
-    EXPECT_EQ(l.h->done, 1u);
-    EXPECT_EQ(l.h->exit_req, 1u);
+    EXPECT_EQ(l.h->done + l.h->exit_req, 2u);
   }
-  EXPECT_EQ(zel_fu_timer_event_handler(nullptr, nullptr, nullptr), 0);
-  zel_fu_dm_fd_handler(nullptr, 0, KRO_DM_FD_READABLE, nullptr);
 }
 
 // Every allocation of the registration fails in turn: the handle itself gives NULL; a failed
@@ -245,9 +180,8 @@ TEST(FuLoop, TimeoutZeroLeavesTheLeafStopped) {
 // through the message or, without an armed descriptor, through the exit path.
 TEST(FuLoop, RegistrationAllocationFailuresLeaveAWorkingOrNoHandle) {
   const unsigned failures = zel_test::fault_sweep([](unsigned n) {
-    Loop l;
+    Loop l(1);
     l.send("m");
-    fu_probe_set_heartbeat_timeout(1);
     fu_probe_set_state(FU_STATE_EXIT);
     {
       zel_test::FaultScope fault(n);
@@ -257,12 +191,11 @@ TEST(FuLoop, RegistrationAllocationFailuresLeaveAWorkingOrNoHandle) {
       EXPECT_TRUE(zel_test::fault_fired());
       return true;
     }
-    fu_fsm_event_t ev{};
-    EXPECT_EQ(zel_fu_dequeue(l.h, &ev), ZEL_FU_OK);
+    EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
     if (fu_probe_postcleanup_calls() != 0) {
       l.h = nullptr;  // the exit path destroyed it
     } else {
-      EXPECT_EQ(ev.msg.len, 1u);
+      EXPECT_EQ(l.ev.msg.len, 1u);
     }
     return zel_test::fault_fired();
   });
@@ -273,47 +206,25 @@ fm_feature_instance_req_t req(uint32_t instance) {
   return fm_feature_instance_req_t{1, 77, instance};
 }
 
-TEST(FuInstances, TwentyAreRecordedTheNextIsRefused) {
+// Twenty instances are recorded, the 21st refused without a leak; disable removes the first
+// match only, and destroy frees what is left.
+TEST(FuInstances, TwentyAreRecordedDisableRemovesTheFirstMatch) {
   Loop l;
-  ASSERT_NE(l.open(1000), nullptr);
-  EXPECT_NE(zel_fu_can_exit(l.h), 0);
-  for (uint32_t i = 1; i <= ZEL_FU_INSTANCES_MAX; ++i) {
-    const auto r = req(i);
-    ASSERT_EQ(zel_fu_feature_enable(l.h, &r), 1) << i;
-  }
   const long before = zel_test::fault_live_blocks();
-  const auto extra = req(21);
-  EXPECT_EQ(zel_fu_feature_enable(l.h, &extra), 0);
-  EXPECT_EQ(zel_test::fault_live_blocks(), before);
+  l.open();
+  EXPECT_NE(zel_fu_can_exit(l.h), 0);
+  for (uint32_t i = 1; i <= ZEL_FU_INSTANCES_MAX + 1; ++i) {
+    const auto r = req(i == 3 ? 1 : i);
+    ASSERT_EQ(zel_fu_feature_enable(l.h, &r), i <= ZEL_FU_INSTANCES_MAX ? 1 : 0) << i;
+  }
   EXPECT_EQ(zel_fu_can_exit(l.h), 0);
-  for (uint32_t i = ZEL_FU_INSTANCES_MAX; i >= 1; --i) {
-    const auto r = req(i);
-    zel_fu_feature_disable(l.h, &r);
-  }
-  EXPECT_NE(zel_fu_can_exit(l.h), 0);
-}
-
-TEST(FuInstances, DisableRemovesTheFirstMatchOnlyDestroyFreesTheRest) {
-  Loop l;
-  const long before = zel_test::fault_live_blocks();
-  ASSERT_NE(l.open(1000), nullptr);
-  const auto seven = req(7), eight = req(8), nine = req(9);
-  for (const auto *r : {&seven, &eight, &seven}) {
-    ASSERT_EQ(zel_fu_feature_enable(l.h, r), 1);
-  }
-  zel_fu_feature_disable(l.h, &seven);
-  zel_fu_feature_disable(l.h, &nine);  // no match
-  ASSERT_EQ(kro_queue_size(&l.h->instances), 2u);
+  const auto one = req(1), absent = req(99);
+  zel_fu_feature_disable(l.h, &one);
+  zel_fu_feature_disable(l.h, &absent);
+  ASSERT_EQ(kro_queue_size(&l.h->instances), ZEL_FU_INSTANCES_MAX - 1u);
   const auto *head = static_cast<const zel_fu_instance_t *>(kro_queue_peek_head(&l.h->instances));
-  EXPECT_EQ(head->instance, 8u);
-  EXPECT_EQ(static_cast<const zel_fu_instance_t *>(kro_queue_get_next(head))->instance, 7u);
-  // Missing arguments record nothing and remove nothing.
-  EXPECT_EQ(zel_fu_feature_enable(nullptr, &seven), 0);
-  EXPECT_EQ(zel_fu_feature_enable(l.h, nullptr), 0);
-  zel_fu_feature_disable(nullptr, &seven);
-  zel_fu_feature_disable(l.h, nullptr);
-  EXPECT_EQ(kro_queue_size(&l.h->instances), 2u);
-  EXPECT_NE(zel_fu_can_exit(nullptr), 0);
+  EXPECT_EQ(head->instance, 2u);
+  EXPECT_EQ(static_cast<const zel_fu_instance_t *>(kro_queue_get_next(head))->instance, 1u);
   zel_fu_handle_destroy(l.h);
   l.h = nullptr;
   EXPECT_EQ(zel_test::fault_live_blocks(), before);
@@ -321,7 +232,7 @@ TEST(FuInstances, DisableRemovesTheFirstMatchOnlyDestroyFreesTheRest) {
 
 TEST(FuInstances, EnableAllocationFailureRecordsNothing) {
   Loop l;
-  ASSERT_NE(l.open(1000), nullptr);
+  l.open();
   const auto r = req(5);
   const unsigned failures = zel_test::fault_sweep([&](unsigned n) {
     int32_t rc;

@@ -8,19 +8,19 @@
 
 namespace {
 
+using namespace itc_test;  // NOLINT(google-build-using-namespace): the suite's own helpers
+
 TEST(ItcInternal, LastReferenceHolderFreesRecordQueueAndMessages) {
-  itc_test::Dm dm;
-  itc_test::Recorder rec;
+  Dm dm;
+  Recorder rec;
   uint32_t server = 0, client = 0;
-  ASSERT_EQ(lib_itc_open(&server, "r", LIB_ITC_SERVER, nullptr, dm.dm, itc_test::Recorder::callback,
-                         &rec),
+  ASSERT_EQ(lib_itc_open(&server, "r", LIB_ITC_SERVER, nullptr, dm.dm, Recorder::callback, &rec),
             0u);
-  ASSERT_EQ(lib_itc_open(&client, "r", LIB_ITC_CLIENT, nullptr, dm.dm, itc_test::Recorder::callback,
-                         &rec),
+  ASSERT_EQ(lib_itc_open(&client, "r", LIB_ITC_CLIENT, nullptr, dm.dm, Recorder::callback, &rec),
             0u);
-  itc_test::pump(dm.dm);
+  pump(dm.dm);
   for (int i = 0; i < 3; ++i) {
-    ASSERT_EQ(itc_test::send_text(client, 0, "queued"), 0);
+    ASSERT_EQ(send_text(client, 0, "queued"), 0);
   }
   lib_itc_channel_t *held = nullptr;
   {
@@ -31,13 +31,13 @@ TEST(ItcInternal, LastReferenceHolderFreesRecordQueueAndMessages) {
   }
   ASSERT_EQ(lib_itc_close(&server), 0);
   const long before_cleanup = zel_test::fault_live_blocks();
-  itc_test::pump(dm.dm);  // the clean-up: queue deregistered, the channel's own reference gone
+  pump(dm.dm);  // the clean-up: queue deregistered, the channel's own reference gone
   EXPECT_TRUE(held->closed.load());
   EXPECT_EQ(held->refs.load(), 1u);
   // Only the clean-up timer and the client's disconnect notice went; the record, its queue
-  // and the three messages are still there for the late sender.
+  // and the three messages are still there for the late sender, whose enqueue is refused.
   EXPECT_EQ(zel_test::fault_live_blocks(), before_cleanup - 2);
-  void *late = itc_test::make_msg(client, "late");
+  void *late = make_msg(client, "late");
   EXPECT_EQ(kro_dm_watched_queue_enqueue(held->queue, late), KRO_DM_ENOTCONN);
   EXPECT_EQ(lib_itc_free(client, late), 0);
   lib_itc_channel_unref(held);

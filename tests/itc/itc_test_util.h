@@ -28,33 +28,28 @@ inline void pump(kro_dm_t *dm) {
 }
 
 // A manager driven by the test thread. The destructor runs the clean-up steps of channels
-// closed meanwhile, then destroys the manager.
+// closed meanwhile; destroying the manager fails while one of its channels is open.
 struct Dm {
   Dm() { EXPECT_EQ(kro_dm_create(&dm), KRO_DM_OK); }
   ~Dm() {
     pump(dm);
-    EXPECT_EQ(kro_dm_destroy(&dm), KRO_DM_OK) << "a channel of this manager is still open";
+    EXPECT_EQ(kro_dm_destroy(&dm), KRO_DM_OK);
   }
-  Dm(const Dm &) = delete;
-  Dm &operator=(const Dm &) = delete;
   kro_dm_t *dm = nullptr;
 };
 
-// A manager whose loop (kro_dm_wait + kro_dm_dispatch) runs on a thread of its own until
-// stop(); the test thread then takes it over for the remaining clean-up steps.
+// A manager whose loop (wait + dispatch) runs on a thread of its own until stop(); the test
+// thread then takes it over for the remaining clean-up steps.
 class Loop {
  public:
-  Loop() {
-    thread_ = std::thread([this] {
-      while (!done_.load(std::memory_order_acquire)) {
-        EXPECT_EQ(kro_dm_wait(m_.dm), KRO_DM_OK);
-        EXPECT_EQ(kro_dm_dispatch(m_.dm), KRO_DM_OK);
-      }
-    });
-  }
+  Loop()
+      : thread_([this] {
+          while (!done_.load(std::memory_order_acquire)) {
+            EXPECT_EQ(kro_dm_wait(m_.dm), KRO_DM_OK);
+            EXPECT_EQ(kro_dm_dispatch(m_.dm), KRO_DM_OK);
+          }
+        }) {}
   ~Loop() { stop(); }
-  Loop(const Loop &) = delete;
-  Loop &operator=(const Loop &) = delete;
   void stop() {
     if (thread_.joinable()) {
       done_.store(true, std::memory_order_release);
@@ -74,19 +69,10 @@ class Loop {
 // One message as a channel's callback saw it. For LIB_ITC_MSG_CONNECT: a = event code,
 // b = client handle. For LIB_ITC_MSG_DATA: a = sender, b = length, text = the payload.
 struct Event {
-  uint32_t type;
-  uint32_t a;
-  uint32_t b;
+  uint32_t type, a, b;
   std::string text;
-  bool operator==(const Event &o) const {
-    return type == o.type && a == o.a && b == o.b && text == o.text;
-  }
+  bool operator==(const Event &o) const = default;
 };
-
-inline std::ostream &operator<<(std::ostream &os, const Event &e) {
-  return os << "{type 0x" << std::hex << e.type << std::dec << ", " << e.a << ", 0x" << std::hex
-            << e.b << std::dec << ", \"" << e.text << "\"}";
-}
 
 inline const Event connected{LIB_ITC_MSG_CONNECTED, 0, 0, ""};
 inline const Event disconnect{LIB_ITC_MSG_DISCONNECT, 0, 0, ""};
@@ -97,14 +83,32 @@ inline Event left(uint32_t c) {
   return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_DISCONNECT, c, ""};
 }
 
-// Records every callback of the channels opened with it as cookie: reads connection events,
-// receives and frees data messages. Thread-safe; waits are condition waits.
+// Reads a connection event, or receives and frees a data message, as a callback of `handle`.
+inline Event take_event(uint32_t handle, uint32_t type) {
+  Event e{type, 0, 0, ""};
+  if (type == LIB_ITC_MSG_CONNECT) {
+    EXPECT_EQ(lib_itc_get_connection_event(handle, &e.a, &e.b), 0);
+  } else if (type == LIB_ITC_MSG_DATA) {
+    void *payload = nullptr;
+    EXPECT_EQ(lib_itc_receive(handle, &e.a, &payload, &e.b), 0);
+    e.text.assign(static_cast<const char *>(payload), e.b);
+    EXPECT_EQ(lib_itc_free(handle, payload), 0);
+  }
+  return e;
+}
+
+// Records every callback of the channels opened with it as cookie, and the thread it ran on.
+// Thread-safe; waits are condition waits.
 class Recorder {
  public:
   static void callback(uint32_t handle, uint32_t type, void *cookie) {
-    static_cast<Recorder *>(cookie)->on(handle, type);
+    auto *r = static_cast<Recorder *>(cookie);
+    Event e = take_event(handle, type);
+    std::lock_guard<std::mutex> lock(r->mutex_);
+    r->events_.push_back(std::move(e));
+    r->thread_ = std::this_thread::get_id();
+    r->cv_.notify_all();
   }
-
   // Waits until at least n events are recorded; false after a generous deadline (a hang guard,
   // not a sequencing device).
   bool wait_for(size_t n) {
@@ -121,22 +125,6 @@ class Recorder {
   }
 
  private:
-  void on(uint32_t handle, uint32_t type) {
-    Event e{type, 0, 0, ""};
-    if (type == LIB_ITC_MSG_CONNECT) {
-      EXPECT_EQ(lib_itc_get_connection_event(handle, &e.a, &e.b), 0);
-    } else if (type == LIB_ITC_MSG_DATA) {
-      void *payload = nullptr;
-      EXPECT_EQ(lib_itc_receive(handle, &e.a, &payload, &e.b), 0);
-      e.text.assign(static_cast<const char *>(payload), e.b);
-      EXPECT_EQ(lib_itc_free(handle, payload), 0);
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
-    events_.push_back(e);
-    thread_ = std::this_thread::get_id();
-    cv_.notify_all();
-  }
-
   std::mutex mutex_;
   std::condition_variable cv_;
   std::vector<Event> events_;
