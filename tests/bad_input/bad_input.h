@@ -28,7 +28,7 @@ struct Row {
 };
 using Table = std::vector<Row>;
 
-// Runs every row of `table` with standard output captured (trace points echo there).
+// Runs every row of `table`.
 void run_rows(const Table &table);
 
 // For a traced family: runs `table` with the module as the process finds it (unregistered),

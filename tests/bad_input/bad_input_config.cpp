@@ -34,7 +34,9 @@ void foreign_strcat(zel_util_config_t *, char *dst, int32_t *counter) {
 }
 
 const zel_bad_input::Table kRows = {
-    {"create: NULL, overlong, maximal and empty texts; destroy, string_get of NULL; cfg_strcat",
+    // create: NULL, overlong, maximal and empty texts; destroy, string_get of NULL; cfg_strcat;
+    // additions: NULL, overlong, missing OIDs, unknown instance types
+    {"create",
      [] {
        expect_each<const void *>(
            nullptr,
@@ -49,14 +51,9 @@ const zel_bad_input::Table kRows = {
        cfg_strcat(buf, nullptr, &counter);
        cfg_strcat(buf, "ab", nullptr);
        EXPECT_EQ(counter, 4);
-       for (int32_t room : {-5, INT32_MIN}) {
-         counter = room;
-         cfg_strcat(buf, "ab", &counter);
-         EXPECT_EQ(std::tuple(std::string(buf), counter), std::tuple("", 0)) << room;
-       }
-     }},
-    {"additions: NULL, overlong, missing OIDs, unknown instance types",
-     [] {
+       counter = INT32_MIN;  // no room left
+       cfg_strcat(buf, "ab", &counter);
+       EXPECT_EQ(std::tuple(std::string(buf), counter), std::tuple("", 0));
        constexpr auto kExact = ZEL_SNMP_INSTANCE_EXACT, kRange = ZEL_SNMP_INSTANCE_RANGE;
        zel_util_config_t *cfg = zel_util_config_create("loc1", "snmp");
        expect_each(ZEL_CFG_EMISSING, {ctx(nullptr, "c"), ctx(cfg, nullptr), obj(nullptr, "L", "o"),
@@ -77,8 +74,9 @@ const zel_bad_input::Table kRows = {
                     inst(cfg, "I", kRange, k81s, "2")});
        expect_bare(cfg);
      }},
-    {"the SNMP part's operations on NULL and on an object carrying none; a part whose text "
-     "operation was replaced by one that counts badly",
+    // the SNMP part's operations on NULL and on an object carrying none; a part whose text
+    // operation was replaced by one that counts badly
+    {"the SNMP part's operations",
      [] {
        zel_util_config_t *cfg = zel_util_config_create("l", "p"),
                          *bare = zel_util_config_create("l", "p");

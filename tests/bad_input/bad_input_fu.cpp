@@ -18,7 +18,9 @@ TEST(BadInput, FeatureLoop) {
   ASSERT_EQ(kro_dm_create(&dm), 0);
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
   zel_bad_input::run_rows({
-      {"NULL handle to every operation; no manager or descriptor to register, descriptors <= 0",
+      // NULL handle to every operation; no manager or descriptor to register, descriptors <= 0;
+      // NULL request; one past the bound of enabled instances; NULL event record; no manager
+      {"feature loop",
        [] {
          static const int32_t bad[] = {0, -1, INT32_MIN};
          const auto reg = zel_fu_register_events;
@@ -33,9 +35,6 @@ TEST(BadInput, FeatureLoop) {
          zel_fu_dm_fd_handler(dm, sv[0], KRO_DM_FD_READABLE, nullptr);
          EXPECT_EQ(zel_fu_timer_event_handler(nullptr, nullptr, nullptr), 0);
          EXPECT_EQ(fu_probe_event_inits() + fu_probe_heartbeats(), 0u);  // nothing was done
-       }},
-      {"NULL request; one past the bound of enabled instances; NULL event record; no manager",
-       [] {
          zel_fu_handle_t *h = zel_fu_register_events(&dm, &sv[0]);
          EXPECT_EQ(zel_fu_feature_enable(h, nullptr), 0);
          zel_fu_feature_disable(h, nullptr);

@@ -16,22 +16,22 @@ std::string log_of(const std::function<void()> &call) {
   call();
   kro_probe_journal_stop();
   std::string out;
-  for (size_t i = 0; i < kro_probe_journal_count(); ++i) {
-    const std::string e = kro_probe_journal_entry(i);
-    size_t at = e.rfind("_kro_dt_log_filter_adv ", 0) == 0 ? e.find(' ', e.find(" slot=") + 1)
-                                                           : std::string::npos;
-    for (int field = 0; field < 4 && at != std::string::npos; ++field) at = e.find(": ", at + 1);
-    if (at != std::string::npos) out += e.substr(at + 2);
+  for (size_t i = 0; const char *e = kro_probe_journal_entry(i); ++i) {
+    const char *at =
+        strncmp(e, "_kro_dt_log_filter_adv ", 23) == 0 ? strstr(e, " slot=") + 6 : nullptr;
+    for (int field = 0; at != nullptr && field < 5; ++field)
+      at = strstr(at + 1, field ? ": " : " ");
+    if (at != nullptr) out += at + 2;
   }
   return out;
 }
 
 const std::string kIn = "0: entering\n", kInvalid = kIn + "26: invalid input params\n",
-                  k100 = text(ZEL_IPC_REG_NAME_MAX), k101 = text(ZEL_IPC_REG_NAME_MAX + 1),
-                  kHuge = text(1 << 20);
+                  k101 = text(ZEL_IPC_REG_NAME_MAX + 1), kHuge = text(4096);
 
 const zel_bad_input::Table kRows = {
-    {"NULL top or registration to set-up, tear-down and release; bad names and ids to new",
+    // NULL top or registration to set-up, tear-down and release; bad names and ids to new
+    {"set-up, tear-down, new, release",
      [] {
        EXPECT_EQ(log_of([] { EXPECT_EQ(zel_ipc_reg_mgr_init(nullptr), ZEL_IPC_REG_EINVAL); }),
                  kIn + "26: ipc reg top cannot be null\n");
@@ -44,11 +44,9 @@ const zel_bad_input::Table kRows = {
                    kIn + "26: ipc reg registration invalid input params\n")
              << i;
        }
-       zel_ipc_reg_t *e = zel_ipc_reg_new(k100.c_str(), UINT32_MAX, UINT32_MAX);  // the limits
-       EXPECT_EQ(e->name, k100);
-       zel_ipc_reg_cleanup(e);
      }},
-    {"add, delete, lookups: NULL top, registration or name; empty and long names; unknown ids",
+    // add, delete, lookups: NULL top, registration or name; empty and long names; unknown ids
+    {"add, delete, lookups",
      [] {
        zel_ipc_reg_top_t top{}, *const none = nullptr;
        ASSERT_EQ(zel_ipc_reg_mgr_init(&top), ZEL_IPC_REG_OK);

@@ -18,20 +18,20 @@ template <typename V, lib_array_t *(*create)(uint16_t, uint16_t, uint8_t, V),
 void array_rows() {
   static const V value = &g_value, empty = &g_empty;
   zel_bad_input::run_rows({
-      {"capacity 0; NULL array; capacity and increment 65535, all flags; past 65535 slots",
+      // capacity 0; NULL array; 65535 slots and more; full fixed-size arrays; bad indexes, holes;
+      // insert and remove on a non-sparse array
+      {"arrays",
        [] {
          EXPECT_EQ(create(0, 5, LIB_ARRAY_SPARSE, nullptr), nullptr);
          expect_each(LIB_ARRAY_FAIL, {append(nullptr, value), insert(nullptr, value, 0)});
          EXPECT_EQ(remove(nullptr, 0), nullptr);
-         lib_array_t *a = create(LIB_ARRAY_MAX, LIB_ARRAY_MAX, 0xFF, empty);
-         for (unsigned i = 0; i < LIB_ARRAY_MAX; ++i) ASSERT_EQ(append(a, value), int(i));
-         EXPECT_EQ(append(a, value), LIB_ARRAY_FAIL);
-         EXPECT_EQ(std::tuple(a->capacity, a->count, a->flags), std::tuple(65535, 65535, 0xFF));
-         free(a->data);
-         free(a);
-       }},
-      {"full fixed-size arrays; bad indexes and holes; insert and remove on a non-sparse array",
-       [] {
+         lib_array_t *big = create(LIB_ARRAY_MAX, LIB_ARRAY_MAX, 0xFF, empty);
+         for (unsigned i = 0; i < LIB_ARRAY_MAX; ++i) ASSERT_EQ(append(big, value), int(i));
+         EXPECT_EQ(append(big, value), LIB_ARRAY_FAIL);
+         EXPECT_EQ(std::tuple(big->capacity, big->count, big->flags),
+                   std::tuple(65535, 65535, 0xFF));
+         free(big->data);
+         free(big);
          for (uint8_t flags : {uint8_t{LIB_ARRAY_SPARSE}, uint8_t{0}}) {
            lib_array_t *a = create(2, 0, flags, empty);  // slot 0 a value, slot 1 a hole
            ASSERT_EQ((std::tuple{append(a, value), append(a, empty)}), std::tuple(0, 1));
@@ -60,7 +60,9 @@ TEST(BadInput, Arrays) {
 TEST(BadInput, NameTablesAndNameService) {
   static const std::string long_name = zel_bad_input::text(100000);
   zel_bad_input::run_rows({
-      {"name tables: NULL set address, handle, table, element or name; id 0, unknown ids",
+      // name tables and service: NULL addresses, handles, tables, elements, services or names; id
+      // 0, unknown ids and slots; an owner taken
+      {"name tables and service",
        [] {
          const auto get = kro_ext_hash_name_get;
          const auto by_id = kro_ext_hash_id_name_get_by_id;
@@ -80,25 +82,21 @@ TEST(BadInput, NameTablesAndNameService) {
                        by_id(&t, 2), by_id(&t, UINT32_MAX)});
          kro_hashset_free(&t.names);
          kro_hashset_free(&t.ids);
-       }},
-      {"name service: NULL service, handle address or name; owner taken; unknown ids and slots",
-       [] {
-         const auto insert = lib_name_service_insert;
+         const auto bind = lib_name_service_insert;
          lib_name_service_t *svc = lib_name_service_create();
          uint32_t h = 0xABCD, c = 0;
-         expect_each<const void *>(nullptr,
-                                   {insert(nullptr, &h, "a", 1), insert(svc, nullptr, "a", 0),
-                                    insert(svc, &h, nullptr, 0)});
+         expect_each<const void *>(nullptr, {bind(nullptr, &h, "a", 1), bind(svc, nullptr, "a", 0),
+                                             bind(svc, &h, nullptr, 0)});
          EXPECT_EQ(std::tuple(h, svc->next_id), std::tuple(0xABCDu, 1u));
-         ASSERT_NE(insert(svc, &h, long_name.c_str(), 1), nullptr);  // id 1
-         EXPECT_EQ(insert(svc, &h, long_name.c_str(), 1), nullptr);
-         lib_name_service_entry_t *e = insert(svc, &c, "b", 0);  // id 2, slot 1
-         e->slots->data[1] = &g_value;
+         ASSERT_NE(bind(svc, &h, long_name.c_str(), 1), nullptr);  // id 1
+         EXPECT_EQ(bind(svc, &h, long_name.c_str(), 1), nullptr);
+         lib_name_service_entry_t *b = bind(svc, &c, "b", 0);  // id 2, slot 1
+         b->slots->data[1] = &g_value;
          EXPECT_EQ(lib_name_service_remove(nullptr, c), nullptr);
          for (uint32_t unknown : {0u, 0xFFFFu, 3u << 16 | 1, UINT32_MAX, 2u << 16 | 0xFF}) {
            EXPECT_EQ(lib_name_service_remove(svc, unknown), nullptr) << unknown;
          }
-         EXPECT_EQ(std::tuple(h, e->slots->count), std::tuple(1u << 16, 2));
+         EXPECT_EQ(std::tuple(h, b->slots->count), std::tuple(1u << 16, 2));
          EXPECT_EQ(lib_name_service_remove(svc, c | 0xFF00u), &g_value);  // bits 8-15 ignored
          ns_test::destroy(svc);
        }},
