@@ -69,13 +69,16 @@ TEST(BadInput, NameTablesAndNameService) {
          const auto insert = kro_ext_hash_id_name_insert;
          kro_hashset_t *none = nullptr;
          kro_ext_hash_id_name_t t{};
-         kro_ext_hash_id_name_elem_t e{}, unnamed{};
+         kro_ext_hash_id_name_elem_t e{}, unnamed{}, late{};
          e.name = "a";
+         late.name = "b";
          expect_each(int{KRO_HASHSET_EINVAL},
                      {kro_ext_hash_name_init(nullptr), kro_ext_hash_id_name_init(nullptr)});
          ASSERT_EQ(kro_ext_hash_id_name_init(&t), 0);
          expect_each(1, {insert(nullptr, &e), insert(&t, nullptr), insert(&t, &unnamed)});
          ASSERT_EQ(insert(&t, &e), 0);
+         t.next_id = 0;  // the 32-bit ids ran out
+         EXPECT_EQ(insert(&t, &late), 1);
          expect_each<const void *>(
              nullptr, {get(nullptr, "a"), get(&none, "a"), get(&t.names, nullptr),
                        get(&t.names, long_name.c_str()), by_id(nullptr, 1), by_id(&t, 0),
@@ -97,6 +100,10 @@ TEST(BadInput, NameTablesAndNameService) {
            EXPECT_EQ(lib_name_service_remove(svc, unknown), nullptr) << unknown;
          }
          EXPECT_EQ(std::tuple(h, b->slots->count), std::tuple(1u << 16, 2));
+         for (uint32_t next : {LIB_NAME_SERVICE_MAX_ID + 1, 0u}) {  // the handle ids ran out
+           svc->next_id = next;
+           EXPECT_EQ(bind(svc, &h, "c", 0), nullptr);
+         }
          EXPECT_EQ(lib_name_service_remove(svc, c | 0xFF00u), &g_value);  // bits 8-15 ignored
          ns_test::destroy(svc);
        }},
