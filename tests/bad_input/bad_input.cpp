@@ -1,51 +1,35 @@
 // The bad-input table runner.
 #include "bad_input/bad_input.h"
 
-#include <gtest/gtest.h>
 #include <host/probe.h>
 #include <kro/dt.h>
 
-#include <cstdio>
-
-#include "support/capture.h"
 #include "support/fault.h"
 
 namespace zel_bad_input {
 
 void run_rows(const Table &table) {
-  const testing::TestResult &result =
-      *testing::UnitTest::GetInstance()->current_test_info()->result();
   for (const Row &row : table) {
     SCOPED_TRACE(row.call);
-    const int parts = result.total_part_count();
-    std::string out;
-    {
-      zel_test::StdoutCapture quiet;
-      const long before = zel_test::fault_live_blocks();
-      row.run();
-      EXPECT_EQ(zel_test::fault_live_blocks(), before) << "blocks left allocated";
-      out = quiet.take();
-    }
-    if (result.total_part_count() != parts) {
-      // gtest reported the row's failures while standard output was captured.
-      (void)fputs(out.c_str(), stdout);
-    }
+    const long before = zel_test::fault_live_blocks();
+    row.run();
+    EXPECT_EQ(zel_test::fault_live_blocks(), before) << "blocks left allocated";
   }
 }
 
-std::string text(size_t n, char c) {
-  return std::string(n, c);
-}
-
-void set_trace_mode(any_module_dt_t &record, const char *module_name, TraceMode mode) {
+void run_traced(const Table &table, any_module_dt_t &record, const char *module_name) {
+  run_rows(table);
   if (record.trace_flag == nullptr) {
     ASSERT_EQ(any_module_dt_init(&record, module_name), 0);
   }
   kro_dt_flag_enable(record.trace_flag, module_name);
   kro_dt_flag_enable(record.error_flag, module_name);
-  const bool answer = mode == TraceMode::kRecordAndPrint;
-  host_probe_set_subtype_check(answer ? 0 : 1);
-  host_probe_set_chk_int(answer ? 1 : 0);
+  for (const int answer : {1, 0}) {
+    SCOPED_TRACE(answer != 0 ? "flags on, record and print" : "flags on, checks refuse");
+    host_probe_set_subtype_check(answer != 0 ? 0 : 1);
+    host_probe_set_chk_int(answer);
+    run_rows(table);
+  }
 }
 
 }  // namespace zel_bad_input

@@ -1,18 +1,23 @@
 // Bad-input tables: every exported function called with NULL pointers, zero and maximal sizes,
 // unknown handles and overlong texts.
 //
-// One table per family, in bad_input_<family>.cpp. A row names its call and bad argument, makes
-// the call, checks the stated result (and that nothing changed where that is stated) with gtest
-// assertions, and releases whatever it built. run_rows runs a table row by row and checks that
-// each row leaves the live-block count where it found it.
+// One table per family, in bad_input_<family>.cpp (this header brings what they share). A row names
+// its call and bad argument, makes the call, checks the stated result (and that nothing changed
+// where that is stated) with gtest assertions, and releases whatever it built. run_rows runs a
+// table row by row and checks that each row leaves the live-block count where it found it.
 #ifndef ZEL_TESTS_BAD_INPUT_BAD_INPUT_H_
 #define ZEL_TESTS_BAD_INPUT_BAD_INPUT_H_
 
+#include <gtest/gtest.h>
 #include <host/module_dt.h>
 
-#include <cstddef>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace zel_bad_input {
@@ -23,18 +28,25 @@ struct Row {
 };
 using Table = std::vector<Row>;
 
-// Runs every row of `table` with standard output captured (trace points echo there).
+// Runs every row of `table`.
 void run_rows(const Table &table);
 
-// A text of n characters.
-std::string text(size_t n, char c = 'x');
+// For a traced family: runs `table` with the module as the process finds it (unregistered),
+// then registered with both flags on and the host's checks answering "record" and "print", then
+// answering "don't", so that every trace point meets each answer.
+void run_traced(const Table &table, any_module_dt_t &record, const char *module_name);
 
-// How a traced family's module is set up while its table runs again: registered with both
-// flags on and the host's checks answering "record" and "print", or registered with both flags
-// on and the checks answering "don't". Tables of traced families run unregistered first (the
-// default), then in both modes, so that every trace point meets each answer.
-enum class TraceMode { kRecordAndPrint, kFlagsOnChecksRefuse };
-void set_trace_mode(any_module_dt_t &record, const char *module_name, TraceMode mode);
+// A text of n characters.
+inline std::string text(size_t n) {
+  return std::string(n, 'x');
+}
+
+// Checks that every result in `got` (evaluated in order) is `want`; a failure names its place.
+template <typename T>
+void expect_each(T want, std::initializer_list<T> got) {
+  int i = 0;
+  for (const T &g : got) EXPECT_EQ(g, want) << "result " << i++;
+}
 
 }  // namespace zel_bad_input
 
