@@ -5,7 +5,6 @@
 #include <zel/name_service.h>
 
 #include <cstdlib>
-#include <vector>
 
 namespace ns_test {
 
@@ -13,22 +12,20 @@ inline lib_name_service_entry_t *entry_of(lib_name_service_t *svc, const char *n
   return static_cast<lib_name_service_entry_t *>(kro_ext_hash_name_get(&svc->names, name));
 }
 
-// Frees every entry with its slots, both sets and the table block.
+// Unlinks and frees every entry with its slots, then both sets and the table block.
 inline void destroy(lib_name_service_t *svc) {
-  if (svc == nullptr) {
-    return;
+  for (void *e; svc != nullptr && (e = kro_hashset_first(svc->names)) != nullptr;) {
+    auto *entry = static_cast<lib_name_service_entry_t *>(e);
+    kro_hashset_remove(svc->names, e);
+    kro_hashset_remove(svc->ids, e);
+    free(entry->slots->data);
+    free(entry->slots);
+    free(entry);
   }
-  std::vector<lib_name_service_entry_t *> entries;
-  for (void *e = kro_hashset_first(svc->names); e != nullptr; e = kro_hashset_next(svc->names, e)) {
-    entries.push_back(static_cast<lib_name_service_entry_t *>(e));
+  if (svc != nullptr) {
+    kro_hashset_free(&svc->names);
+    kro_hashset_free(&svc->ids);
   }
-  for (lib_name_service_entry_t *e : entries) {
-    free(e->slots->data);
-    free(e->slots);
-    free(e);
-  }
-  kro_hashset_free(&svc->names);
-  kro_hashset_free(&svc->ids);
   free(svc);
 }
 
