@@ -127,6 +127,9 @@ TEST(SnmpAdd, EveryTracedRefusal) {
       {"instance list name", inst("p", kRange, "1", "2"), inst("q", kExact, "1"), 11,
        a + "instance: 44: instance list name mismatch\n", r12.c_str()},
       {"type", inst("p", kRange, "1", "2"), inst("p", kExact, "1"), 11, type, r12.c_str()},
+      {"object list full", full, obj("n", "o"), 28, a + "object: 28: object list full\n", nullptr},
+      {"instance list full", full, inst("n", kWild, nullptr), 28,
+       a + "instance: 28: instance list full\n", nullptr},
       {"empty list name renamed with another type", inst("", kExact, "1"), inst("x", kRep, "2"), 11,
        type, "/loc1/snmp///;/;exact;1"},
   };

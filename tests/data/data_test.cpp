@@ -97,6 +97,23 @@ TEST(DataRecords, CleanupReleasesEveryOwnedBlock) {
   EXPECT_EQ(zel_test::fault_live_blocks(), live);
 }
 
+// A row of completions, errors or an unknown kind copies only while its slots are NULL; cleanup
+// releases completions and errors and leaves items of an unknown kind alone.
+TEST(DataRecords, ItemsWithoutACopyRefuseTheCopy) {
+  const long live = zel_test::fault_live_blocks();
+  for (uint32_t kind : {ZEL_ROW_DATA_COMPLETE, ZEL_ROW_DATA_ERROR, 99u, UINT32_MAX}) {
+    SCOPED_TRACE(kind);
+    void *item = calloc(1, sizeof(zel_data_error_t));
+    zel_row_data_t *r = row(kind, 3, true, {nullptr, item});
+    EXPECT_EQ(zel_row_data_t_dup(r), nullptr);
+    zel_row_data_t_cleanup(r);
+    if (kind != ZEL_ROW_DATA_COMPLETE && kind != ZEL_ROW_DATA_ERROR) {
+      free(item);
+    }
+  }
+  EXPECT_EQ(zel_test::fault_live_blocks(), live);
+}
+
 // A copy holds what its source holds and shares no block with it; failing any of its
 // allocations (row, array, then each item's blocks) gives NULL and leaves nothing behind.
 TEST(DataRecords, CopiesShareNothingAndFailCleanly) {

@@ -7,6 +7,7 @@
 #include <zel/itc.h>
 #include <zel/trace.h>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 
@@ -20,6 +21,16 @@ static_assert(sizeof(lib_itc_attr_t) == 12 && offsetof(lib_itc_attr_t, queue_len
 static_assert(offsetof(lib_itc_msg_hdr_t, type) == sizeof(void *) &&
               offsetof(lib_itc_msg_hdr_t, length) == sizeof(void *) + 8 &&
               sizeof(lib_itc_msg_hdr_t) == (sizeof(void *) == 4 ? 16 : 24));
+
+// The clean-up timer's arming, failed on demand (linked with --wrap=kro_dm_timer_settime).
+namespace {
+std::atomic<bool> g_settime_fails{false};
+}  // namespace
+extern "C" int __real_kro_dm_timer_settime(kro_dm_t *dm, kro_dm_timer_t *t, const kro_dm_time_t *v);
+extern "C" int __wrap_kro_dm_timer_settime(kro_dm_t *dm, kro_dm_timer_t *t,
+                                           const kro_dm_time_t *v) {
+  return g_settime_fails ? KRO_DM_EINVAL : __real_kro_dm_timer_settime(dm, t, v);
+}
 
 namespace {
 
@@ -444,6 +455,19 @@ TEST_F(ItcFault, CloseCleansUpWithoutItsTimer) {
   });
   EXPECT_EQ(runs, 2u);
   const long before = zel_test::fault_live_blocks();
+  // A timer that cannot be armed is deleted, and the queue carries the clean-up instead.
+  ASSERT_EQ(lib_itc_open(&ctx.server, "t", LIB_ITC_SERVER, &one, dm.dm, cb, &ctx), 0u);
+  pump(dm.dm);
+  EXPECT_EQ(send_text(client, 0, "x"), 0);
+  {
+    zel_test::StdoutCapture capture;
+    g_settime_fails = true;
+    EXPECT_EQ(lib_itc_close(&ctx.server), 0);
+    g_settime_fails = false;
+    EXPECT_EQ(capture.take(), "kro_dm_timer_settime failed\n\n");
+  }
+  pump(dm.dm);
+  EXPECT_EQ(zel_test::fault_live_blocks(), before);
   ctx.close_in_callback = true;
   ASSERT_EQ(lib_itc_open(&ctx.server, "t", LIB_ITC_SERVER, &one, dm.dm, cb, &ctx), 0u);
   pump(dm.dm);  // the connection event is delivered, and the callback closes
