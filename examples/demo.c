@@ -9,6 +9,7 @@
 #include <host/fu_probe.h>
 #include <zel/config.h>
 #include <zel/fu.h>
+#include <zel/itc.h>
 #include <zel/trace.h>
 
 /* Builds the collection request of two interface counters over two port ranges in context
@@ -107,10 +108,6 @@ static int demo_feature_loop(void) {
   close(sv[1]);
   return rc == 0 ? 0 : 1;
 }
-
-
-#include <zel/itc.h>
-#include <zel/trace.h>
 
 /* ---- Channels: a server thread echoes what a client on the main thread sends. ---- */
 

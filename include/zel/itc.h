@@ -233,10 +233,10 @@ ZEL_API int lib_itc_free(uint32_t handle, void *payload);
  * Returns 0 and the message belongs to the destination. Otherwise the message is unchanged and
  * still the sender's, and the result is: 22 for a missing name service, a sender whose name
  * id is not bound (the sender's slot itself is not checked: any handle of a bound name may
- * send as a client of that name), a server sending to 0 or to a handle of another name, a missing destination channel (no
- * server, or a free or not yet filled slot), a NULL payload or a non-data header; 28 when the
- * destination's budget would be exceeded; the enqueue's code (KRO_DM_EAGAIN for a full queue,
- * KRO_DM_ENOTCONN for a destination being closed). Any thread. */
+ * send as a client of that name), a server sending to 0 or to a handle of another name, a missing
+ * destination channel (no server, or a free or not yet filled slot), a NULL payload or a non-data
+ * header; 28 when the destination's budget would be exceeded; the enqueue's code (KRO_DM_EAGAIN for
+ * a full queue, KRO_DM_ENOTCONN for a destination being closed). Any thread. */
 ZEL_API int lib_itc_send(uint32_t handle, uint32_t destination, void *payload);
 
 /* Takes the next data message of channel `handle`: the one being delivered to the callback

@@ -33,10 +33,10 @@ typedef int (*kro_hashset_match_fn)(const void *member, const void *key);
 
 /* Result codes. */
 #define KRO_HASHSET_OK 0
-#define KRO_HASHSET_ENOMEM 12    /* the set or its buckets could not be allocated */
-#define KRO_HASHSET_EINVAL 22    /* NULL set, element or callback */
-#define KRO_HASHSET_EEXIST 17    /* insert: this very element is already linked */
-#define KRO_HASHSET_ENOENT 2     /* remove: this very element is not linked */
+#define KRO_HASHSET_ENOMEM 12 /* the set or its buckets could not be allocated */
+#define KRO_HASHSET_EINVAL 22 /* NULL set, element or callback */
+#define KRO_HASHSET_EEXIST 17 /* insert: this very element is already linked */
+#define KRO_HASHSET_ENOENT 2  /* remove: this very element is not linked */
 
 /* Creates an empty set into *set. `size_hint` is the expected number of elements (0: a small
  * default); the set grows (doubling its buckets) as it fills, so the hint only saves early
