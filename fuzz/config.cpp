@@ -13,16 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_check.h"
+
 namespace {
 
-struct zel_fuzz_input {
-  const uint8_t *p;
-  size_t n;
-  uint8_t byte() {
-    if (n == 0) return 0;
-    --n;
-    return *p++;
-  }
+struct zel_fuzz_input : zel_fuzz_bytes {
   // NULL (when `nullable`, one case in eight) or a text of up to `max_len` characters.
   bool text(std::string &out, size_t max_len, bool nullable) {
     const uint8_t sel = byte();
@@ -118,7 +113,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  zel_fuzz_input in{data, size};
+  zel_fuzz_input in{{data, size}};
   zel_fuzz_model m;
   zel_util_config_t *cfg = zel_util_config_create("loc1", "snmp");
   if (cfg == nullptr) abort();

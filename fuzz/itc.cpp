@@ -61,15 +61,7 @@ struct Chan {
   std::deque<lib_itc_msg_hdr_t *> data;  // data messages queued for it, in order
 };
 
-struct Input {
-  const uint8_t *p;
-  size_t n;
-  uint8_t byte() {
-    if (n == 0) return 0;
-    --n;
-    return *p++;
-  }
-};
+using Input = zel_fuzz_bytes;
 
 struct Model {
   Input in;

@@ -71,15 +71,7 @@ char *__wrap_strdup(const char *s) {
 
 namespace {
 
-struct zel_fuzz_input {
-  const uint8_t *p;
-  size_t n;
-  uint8_t byte() {
-    if (n == 0) return 0;
-    --n;
-    return *p++;
-  }
-};
+using zel_fuzz_input = zel_fuzz_bytes;
 
 char zel_fuzz_pool[8];
 
