@@ -50,14 +50,13 @@ constexpr uint32_t kDeepQueue = 65536;
 
 // ---- Channels -----------------------------------------------------------------------------
 
-// A server channel whose dispatch manager runs on a thread of its own; counts what each client
-// (identified by the payload's first byte) has delivered.
-class ItcServer {
+// A server channel whose dispatch manager runs on a thread of its own.
+class ItcLoopServer {
  public:
-  explicit ItcServer(const char *name) {
+  ItcLoopServer(const char *name, const lib_itc_attr_t *attr, lib_itc_callback_t callback,
+                void *cookie) {
     kro_dm_create(&dm_);
-    const lib_itc_attr_t attr = {0, kDeepQueue, 0xFFFFFFFFu};
-    if (lib_itc_open(&handle_, name, LIB_ITC_SERVER, &attr, dm_, callback, this) != 0) {
+    if (lib_itc_open(&handle_, name, LIB_ITC_SERVER, attr, dm_, callback, cookie) != 0) {
       std::fprintf(stderr, "server open failed\n");
       std::abort();
     }
@@ -68,7 +67,7 @@ class ItcServer {
       }
     });
   }
-  ~ItcServer() {
+  ~ItcLoopServer() {
     stop_.store(true, std::memory_order_release);
     kro_dm_wake(dm_);
     thread_.join();
@@ -78,17 +77,38 @@ class ItcServer {
     }
     kro_dm_destroy(&dm_);
   }
-  ItcServer(const ItcServer &) = delete;
-  ItcServer &operator=(const ItcServer &) = delete;
+  ItcLoopServer(const ItcLoopServer &) = delete;
+  ItcLoopServer &operator=(const ItcLoopServer &) = delete;
+
+ private:
+  kro_dm_t *dm_ = nullptr;
+  uint32_t handle_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// Takes the connection event a server is told of; true when the callback was for one.
+bool itc_take_connect(uint32_t handle, uint32_t type) {
+  if (type != LIB_ITC_MSG_CONNECT) {
+    return false;
+  }
+  uint32_t ev = 0, who = 0;
+  lib_itc_get_connection_event(handle, &ev, &who);
+  return true;
+}
+
+// The throughput server: counts what each client (identified by the payload's first byte) has
+// delivered.
+class ItcServer {
+ public:
+  explicit ItcServer(const char *name) : loop_(name, &kAttr, callback, this) {}
 
   uint64_t taken(unsigned client) const { return taken_[client].load(std::memory_order_acquire); }
 
  private:
+  static constexpr lib_itc_attr_t kAttr = {0, kDeepQueue, 0xFFFFFFFFu};
   static void callback(uint32_t handle, uint32_t type, void *cookie) {
-    auto *s = static_cast<ItcServer *>(cookie);
-    if (type == LIB_ITC_MSG_CONNECT) {
-      uint32_t ev = 0, who = 0;
-      lib_itc_get_connection_event(handle, &ev, &who);
+    if (itc_take_connect(handle, type)) {
       return;
     }
     uint32_t sender = 0, len = 0;
@@ -96,15 +116,12 @@ class ItcServer {
     if (lib_itc_receive(handle, &sender, &p, &len) == 0) {
       const unsigned client = *static_cast<unsigned char *>(p);
       lib_itc_free(handle, p);
-      s->taken_[client].fetch_add(1, std::memory_order_release);
+      static_cast<ItcServer *>(cookie)->taken_[client].fetch_add(1, std::memory_order_release);
     }
   }
 
-  kro_dm_t *dm_ = nullptr;
-  uint32_t handle_ = 0;
-  std::atomic<bool> stop_{false};
   std::atomic<uint64_t> taken_[kMaxClients] = {};
-  std::thread thread_;
+  ItcLoopServer loop_;  // last: its thread may call back as soon as it runs
 };
 
 // A client channel on a dispatch manager of the calling thread (which never needs to run it
@@ -173,50 +190,17 @@ void BM_ItcThroughput(benchmark::State &state) {
 
 // ---- Latency ------------------------------------------------------------------------------
 
-// The echo side: a server on its own thread that sends every message back to its sender.
-class ItcEcho {
- public:
-  ItcEcho() {
-    kro_dm_create(&dm_);
-    lib_itc_open(&handle_, "echo", LIB_ITC_SERVER, nullptr, dm_, callback, nullptr);
-    thread_ = std::thread([this] {
-      while (!stop_.load(std::memory_order_acquire)) {
-        kro_dm_wait(dm_);
-        kro_dm_dispatch(dm_);
-      }
-    });
+// The echo side's callback: every message goes back to its sender.
+void itc_echo_callback(uint32_t handle, uint32_t type, void *) {
+  if (itc_take_connect(handle, type)) {
+    return;
   }
-  ~ItcEcho() {
-    stop_.store(true, std::memory_order_release);
-    kro_dm_wake(dm_);
-    thread_.join();
-    lib_itc_close(&handle_);
-    for (int i = 0; i < 4; ++i) {
-      kro_dm_dispatch(dm_);
-    }
-    kro_dm_destroy(&dm_);
+  uint32_t sender = 0, len = 0;
+  void *p = nullptr;
+  if (lib_itc_receive(handle, &sender, &p, &len) == 0 && lib_itc_send(handle, sender, p) != 0) {
+    lib_itc_free(handle, p);
   }
-  ItcEcho(const ItcEcho &) = delete;
-  ItcEcho &operator=(const ItcEcho &) = delete;
-
- private:
-  static void callback(uint32_t handle, uint32_t type, void *) {
-    if (type == LIB_ITC_MSG_CONNECT) {
-      uint32_t ev = 0, who = 0;
-      lib_itc_get_connection_event(handle, &ev, &who);
-      return;
-    }
-    uint32_t sender = 0, len = 0;
-    void *p = nullptr;
-    if (lib_itc_receive(handle, &sender, &p, &len) == 0 && lib_itc_send(handle, sender, p) != 0) {
-      lib_itc_free(handle, p);
-    }
-  }
-  kro_dm_t *dm_ = nullptr;
-  uint32_t handle_ = 0;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
+}
 
 struct PingState {
   void *back = nullptr;
@@ -231,7 +215,7 @@ struct PingState {
 };
 
 void BM_ItcPingPong(benchmark::State &state) {
-  ItcEcho echo;
+  ItcLoopServer echo("echo", nullptr, itc_echo_callback, nullptr);
   kro_dm_t *dm = nullptr;
   kro_dm_create(&dm);
   PingState ping;
