@@ -18,8 +18,8 @@
 // after a callback that did not take it, or queued at a channel that was closed).
 //
 // Names stay bound for the whole process (a client on each, on a manager of its own, the
-// "keeper"): name ids are never reused, and inputs that created and released names would use
-// them up.
+// "keeper"), so that their ids stay put from one input to the next and kBogus is never handed
+// out.
 #include <kro/dm.h>
 #include <zel/itc.h>
 
@@ -342,7 +342,7 @@ void op_invalid(uint8_t b) {
     case 2:
       if (!g->kept.empty()) {
         void *m = g->kept[b % g->kept.size()];
-        ZEL_FUZZ_CHECK(lib_itc_free(kBogus, m) == LIB_ITC_EINVAL);
+        ZEL_FUZZ_CHECK(lib_itc_free(kBogus | 0x100u, m) == LIB_ITC_EINVAL);  // never handed out
         ZEL_FUZZ_CHECK(lib_itc_send(kBogus, 0, m) == LIB_ITC_EINVAL);
       }
       break;

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "lib/lib_internal.h"
+
 namespace {
 
 const kro_ext_hash_id_name_elem_t *kro_ext_hash_elem(const void *elem) {
@@ -82,9 +84,7 @@ int kro_ext_hash_id_name_insert(kro_ext_hash_id_name_t *table, kro_ext_hash_id_n
   if (table->next_id == 0) {
     return 1;
   }
-  elem->id = table->next_id++;
-  kro_hashset_insert(table->names, elem);
-  kro_hashset_insert(table->ids, elem);
+  kro_ext_hash_id_name_link(table, elem, table->next_id++);
   return 0;
 }
 
@@ -99,3 +99,10 @@ kro_ext_hash_id_name_elem_t *kro_ext_hash_id_name_get_by_id(kro_ext_hash_id_name
 }
 
 }  // extern "C"
+
+void kro_ext_hash_id_name_link(kro_ext_hash_id_name_t *table, kro_ext_hash_id_name_elem_t *elem,
+                               uint32_t id) {
+  elem->id = id;
+  kro_hashset_insert(table->names, elem);
+  kro_hashset_insert(table->ids, elem);
+}

@@ -1,5 +1,6 @@
 // Channel records: lookups, creation, references, the clean-up proper and the orphan list.
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include "lib/itc_internal.h"
@@ -7,15 +8,15 @@
 namespace {
 
 // Raised (under the channel mutex) each time a release frees a whole name entry, i.e. each
-// time a name id stops being bound. Ids are never reused and at most 65535 are ever handed
-// out, so it never wraps. A thread that saw id X bound at count E knows X is still bound
-// while the count is E.
-alignas(64) std::atomic<uint32_t> lib_itc_unbind_count{0};  // read on hot paths: a line alone
+// time a name id stops being bound; ids are reused only after that. A thread that saw id X
+// bound at count E knows X is still bound to the same entry while the count is E. 64 bits: it
+// never wraps in a process's life, however fast names come and go.
+alignas(64) std::atomic<uint64_t> lib_itc_unbind_count{0};  // read on hot paths: a line alone
 
 // The last name entry this thread looked up: valid while the unbind count is unchanged.
 struct lib_itc_bound_cache {
   uint32_t id;
-  uint32_t unbinds;
+  uint64_t unbinds;
   lib_name_service_entry_t *entry;
 };
 // Initial-exec: the hot paths read these once per call; the model costs a load instead of a
@@ -44,7 +45,7 @@ lib_itc_channel_t *lib_itc_slot_record(lib_name_service_t *service, uint32_t han
 lib_name_service_entry_t *lib_itc_entry(lib_name_service_t *service, uint32_t handle) {
   const uint32_t id = lib_name_service_handle_id(handle);
   lib_itc_bound_cache &seen = lib_itc_bound_seen;
-  const uint32_t unbinds = lib_itc_unbind_count.load(std::memory_order_relaxed);
+  const uint64_t unbinds = lib_itc_unbind_count.load(std::memory_order_relaxed);
   if (id != 0 && seen.id == id && seen.unbinds == unbinds) {
     return seen.entry;  // no entry has been freed since it was looked up: still this one
   }
@@ -66,9 +67,32 @@ bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle) {
   return lib_itc_entry(service, handle) != nullptr;
 }
 
-void lib_itc_note_release(lib_name_service_t *service, uint32_t handle) {
-  if (lib_name_service_entry_of(service, handle) == nullptr) {
+void lib_itc_release(lib_name_service_t *service, uint32_t handle, const lib_itc_channel_t *rec) {
+  lib_name_service_remove(service, handle);
+  lib_name_service_entry_t *entry = lib_name_service_entry_of(service, handle);
+  if (entry == nullptr || lib_name_service_entry_unbound(entry)) {
+    // The name's last binding went: the entry with it (the name service frees it itself only
+    // when the owner slot goes last), and its id to the back of the queue of ids to reuse.
+    if (entry != nullptr) {
+      lib_name_service_entry_drop(service, entry, lib_itc_ids());
+    } else {
+      lib_name_service_ids_put(lib_itc_ids(), lib_name_service_handle_id(handle));
+    }
     lib_itc_unbind_count.fetch_add(1, std::memory_order_release);
+    return;
+  }
+  if (entry->header.name != rec->name) {
+    return;
+  }
+  // The string the entry points at is the closing channel's, which its caller may free once
+  // the close has returned: take the string of a channel that stays (every counted slot holds
+  // a record, published or still opening).
+  const lib_array_t *slots = entry->slots;
+  for (uint32_t i = 0; i < slots->used; ++i) {
+    if (const auto *other = static_cast<const lib_itc_channel_t *>(slots->data[i])) {
+      entry->header.name = other->name;
+      return;
+    }
   }
 }
 
@@ -89,41 +113,54 @@ lib_itc_delivery lib_itc_delivery_swap(lib_itc_delivery next) {
   return prev;
 }
 
-int lib_itc_channel_create(const char *name, uint32_t handle, const lib_itc_attr_t &attr,
-                           kro_dm_t *dm, lib_itc_callback_t callback, void *cookie,
-                           lib_itc_channel_t **out) {
-  void *mem = calloc(1, sizeof(lib_itc_channel_t));
+lib_itc_channel_t *lib_itc_channel_alloc(const char *name, const lib_itc_attr_t &attr, kro_dm_t *dm,
+                                         lib_itc_callback_t callback, void *cookie) {
+  const size_t name_size = strlen(name) + 1;
+  void *mem = calloc(1, sizeof(lib_itc_channel_t) + name_size);
   if (mem == nullptr) {
-    return LIB_ITC_ENOMEM;
+    return nullptr;
   }
   auto *rec = new (mem) lib_itc_channel_t();
-  kro_dm_watched_queue_attr_t qattr;
-  kro_dm_watched_queue_attr_init(&qattr);
-  qattr.max_len = attr.queue_len;
-  qattr.drain = lib_itc_queue_drain;
-  int rc = kro_dm_watched_queue_create(name, handle, &qattr, &rec->queue);
-  if (rc == 0) {
-    // The handle itself is the cookie: the handler finds the record by it.
-    // NOLINTNEXTLINE(performance-no-int-to-ptr)
-    void *cookie_handle = reinterpret_cast<void *>(static_cast<uintptr_t>(handle));
-    rc = kro_dm_watched_queue_register(dm, rec->queue, lib_itc_queue_handler, cookie_handle);
-    if (rc != 0) {
-      kro_dm_watched_queue_destroy(&rec->queue);
-    }
-  }
-  if (rc != 0) {
-    rec->~lib_itc_channel_t();
-    free(rec);
-    return rc;
-  }
+  memcpy(static_cast<char *>(mem) + sizeof(lib_itc_channel_t), name, name_size);
   rec->max_bytes = attr.max_bytes;
+  rec->queue_len = attr.queue_len;
   rec->dm = dm;
   rec->callback = callback;
   rec->cookie = cookie;
+  rec->name = name;
   rec->refs.store(1, std::memory_order_relaxed);
   rec->wake.type = lib_itc_msg_wake;
-  *out = rec;
-  return 0;
+  return rec;
+}
+
+int lib_itc_channel_start(lib_itc_channel_t *rec, uint32_t handle) {
+  kro_dm_watched_queue_attr_t qattr;
+  kro_dm_watched_queue_attr_init(&qattr);
+  // The channel holds data messages to queue_len itself; notifications must never be refused
+  // for want of room, so the queue's own limit is the platform's largest. Out-of-range lengths
+  // go to the platform as they are, which refuses them.
+  const uint32_t len = rec->queue_len;
+  qattr.max_len =
+      len == 0 || len > KRO_DM_WATCHED_QUEUE_LEN_MAX ? len : KRO_DM_WATCHED_QUEUE_LEN_MAX;
+  qattr.drain = lib_itc_queue_drain;
+  const char *qname = reinterpret_cast<const char *>(rec) + sizeof(lib_itc_channel_t);
+  int rc = kro_dm_watched_queue_create(qname, handle, &qattr, &rec->queue);
+  if (rc != 0) {
+    return rc;
+  }
+  // The handle itself is the cookie: the handler finds the record by it.
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
+  void *cookie_handle = reinterpret_cast<void *>(static_cast<uintptr_t>(handle));
+  rc = kro_dm_watched_queue_register(rec->dm, rec->queue, lib_itc_queue_handler, cookie_handle);
+  if (rc != 0) {
+    kro_dm_watched_queue_destroy(&rec->queue);
+  }
+  return rc;
+}
+
+void lib_itc_channel_free(lib_itc_channel_t *rec) {
+  rec->~lib_itc_channel_t();
+  free(rec);
 }
 
 void lib_itc_channel_unref(lib_itc_channel_t *rec) {
@@ -133,8 +170,7 @@ void lib_itc_channel_unref(lib_itc_channel_t *rec) {
   // The queue is unregistered (see the lifetime rules), so destroy drains it and can only fail
   // on a queue that is already gone; the record is then kept rather than freed under a queue.
   if (kro_dm_watched_queue_destroy(&rec->queue) == 0) {
-    rec->~lib_itc_channel_t();
-    free(rec);
+    lib_itc_channel_free(rec);
   }
 }
 

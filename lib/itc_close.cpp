@@ -53,7 +53,7 @@ extern "C" int lib_itc_close(uint32_t *handle) {
   }
   const uint32_t h = *handle;
   lib_name_service_t *service = lib_itc_name_service_get();
-  if (service == nullptr) {
+  if (service == nullptr || !lib_itc_handle_shaped(h)) {
     return LIB_ITC_EINVAL;
   }
   const bool server = lib_name_service_handle_slot(h) == 0;
@@ -70,8 +70,7 @@ extern "C" int lib_itc_close(uint32_t *handle) {
     // critical section: concurrent opens see either the channel with its record or neither.
     rec->closed.store(true, std::memory_order_release);
     notice.collect(lib_name_service_entry_of(service, h));
-    lib_name_service_remove(service, h);
-    lib_itc_note_release(service, h);
+    lib_itc_release(service, h, rec);
   }
   notice.post();
   lib_itc_queue_entry_destroy(rec);

@@ -12,12 +12,18 @@ void lib_itc_queue_handler(kro_dm_watched_queue_t *queue, void *cookie) {
   }
   lib_itc_channel_t *rec = nullptr;
   {
+    // A closed channel's handle is unknown, or names a newer channel that took the same slot:
+    // that one may belong to another thread, which may free it as soon as the mutex is
+    // released, so it is told apart by its queue here and never read afterwards. A record whose
+    // queue is this one is this channel, freed only on this thread.
     lib_itc_lock lock;
     rec = lib_itc_slot_record(service, handle);
+    if (rec != nullptr && rec->queue != queue) {
+      rec = nullptr;
+    }
   }
-  // A closed channel's handle is unknown, or names a newer channel of the same slot whose
-  // queue is another: either way what this queue holds is for nobody.
-  if (rec == nullptr || rec->queue != queue) {
+  if (rec == nullptr) {
+    // What this queue holds is for nobody.
     lib_itc_queue_closed_drain(queue);
     return;
   }
@@ -55,7 +61,7 @@ void lib_itc_queue_handler(kro_dm_watched_queue_t *queue, void *cookie) {
       // Not taken: discarded, and a data message gives its bytes back.
       rec->current = nullptr;
       if (type == LIB_ITC_MSG_DATA) {
-        rec->queued_bytes.fetch_sub(msg->length, std::memory_order_relaxed);
+        lib_itc_queued_leave(rec, msg->length);
       }
       free(msg);
     }

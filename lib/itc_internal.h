@@ -13,6 +13,18 @@
 // in a slot without a reference: only that thread drops the channel's own reference, so the
 // record outlives whatever that thread is doing with it.
 //
+// Slots and names. Open stores the record in its slot when it binds (so no concurrent binding
+// can take the slot) and publishes it, under the mutex, once its queue is up: until then every
+// lookup and notification loop takes it for an empty slot. A name's entry points at the string
+// of one of its channels' records; the release of a binding (lib_itc_release) frees the entry
+// when no binding is left, whatever the roles, and moves the entry to another channel's string
+// when the leaving one's was used, so a caller's string need last only until its close returns.
+// Freed ids queue up for reuse, oldest first, once the fresh ones are gone.
+//
+// The handler finds its record under the mutex and checks, still under it, that the record
+// owns the very queue being dispatched: a handle may have been taken over by a newer channel
+// on another thread, which that thread may free as soon as the mutex is released.
+//
 // Locking. The channel mutex (lib_itc_lock) guards every name-service lookup, binding, release
 // and slot store, the `closed` flag's setting and the orphan list. It is never held across a
 // platform queue or timer call, an allocation of a message or a callback.
@@ -32,37 +44,46 @@
 // clean-up timer failed. Never handed to a callback, never freed on its own.
 constexpr uint32_t lib_itc_msg_wake = 0;
 
-// The channel record. The first eight fields are the documented record, in order.
+// `queued` of a record: the data messages accepted and not yet out of the queue in the high 32
+// bits, their payload bytes in the low 32. One compare-and-swap admits a message against both
+// bounds.
+constexpr uint64_t lib_itc_queued_one = uint64_t{1} << 32;
+constexpr uint64_t lib_itc_queued_msg(uint32_t length) {
+  return lib_itc_queued_one + length;
+}
+
+// The channel record. The first fields are the documented record, in order (the byte budget
+// shares its word with the count of data messages).
 struct lib_itc_channel_t {
-  kro_dm_watched_queue_t *queue;       // the channel's queue of incoming messages
-  uint32_t max_bytes;                  // receive budget
-  std::atomic<uint32_t> queued_bytes;  // payload bytes accepted and not yet out of the queue
-  kro_dm_t *dm;                        // the queue and the clean-up timer are registered here
+  kro_dm_watched_queue_t *queue;  // the channel's queue of incoming messages
+  uint32_t max_bytes;             // receive budget
+  uint32_t queue_len;             // data messages queued at once
+  std::atomic<uint64_t> queued;   // see lib_itc_queued_msg
+  kro_dm_t *dm;                   // the queue and the clean-up timer are registered here
   lib_itc_callback_t callback;
   void *cookie;
   lib_itc_msg_hdr_t *current;  // being delivered to the callback (own thread only)
   lib_itc_msg_hdr_t *pending;  // set aside by a receive of the other kind (own thread only)
+  const char *name;            // the opener's string; the name's entry may point at it
+  bool published;              // under the mutex: open has set the channel up
   // Beyond the documented fields. The reference count, changed twice by every send, keeps off
-  // the line the receiver writes per message (queued_bytes, current, pending): a whole line of
+  // the line the receiver writes per message (queued, current, pending): a whole line of
   // padding puts it on another line whatever the block's alignment.
   char pad[64];
   std::atomic<uint32_t> refs;      // see "Record lifetime"
   std::atomic<bool> closed;        // set under the mutex when close takes the record out
   lib_itc_channel_t *orphan_next;  // link in the orphan list (under the mutex)
   lib_itc_msg_hdr_t wake;          // type lib_itc_msg_wake
+  // The queue's copy of the name follows the record in the same block: the queue outlives the
+  // close, after which the opener may free its string.
 };
 
-// What a slot holds from its binding until open stores the record: not NULL, so that the name
-// service can't hand the same shared slot to a concurrent binding of the name (it reuses slots
-// holding NULL), and not a record either: every reader maps it to "no record".
-inline char lib_itc_slot_reserved_tag;
-inline void *lib_itc_slot_reserved() {
-  return &lib_itc_slot_reserved_tag;
-}
-
-// The record a slot's value stands for, or nullptr (empty or reserved slot).
+// The record a slot's value stands for, or nullptr: a slot holds its record from the binding
+// on (so that no concurrent binding of the name can take it), but the channel exists for
+// everyone else only once open has published it. Call with the channel mutex held.
 inline lib_itc_channel_t *lib_itc_record_in(void *value) {
-  return value == lib_itc_slot_reserved() ? nullptr : static_cast<lib_itc_channel_t *>(value);
+  auto *rec = static_cast<lib_itc_channel_t *>(value);
+  return rec != nullptr && rec->published ? rec : nullptr;
 }
 
 // The record in slot `slot` of an entry, or nullptr. Call with the channel mutex held.
@@ -70,6 +91,17 @@ inline lib_itc_channel_t *lib_itc_entry_record(const lib_name_service_entry_t *e
                                                uint32_t slot) {
   const lib_array_t *slots = entry->slots;
   return slot < slots->used ? lib_itc_record_in(slots->data[slot]) : nullptr;
+}
+
+// A data message of `length` bytes has left the channel's queue (received or discarded).
+inline void lib_itc_queued_leave(lib_itc_channel_t *rec, uint32_t length) {
+  rec->queued.fetch_sub(lib_itc_queued_msg(length), std::memory_order_relaxed);
+}
+
+// Whether a handle has the shape of one handed out: a name id, and a slot below 256 (bits 8 to
+// 15 clear). Lookups read only the slot's low 8 bits, so anything else would alias a live slot.
+inline bool lib_itc_handle_shaped(uint32_t handle) {
+  return (handle & 0xFF00u) == 0 && lib_name_service_handle_id(handle) != 0;
 }
 
 inline lib_itc_msg_hdr_t *lib_itc_hdr_of(void *payload) {
@@ -122,9 +154,10 @@ lib_name_service_entry_t *lib_itc_entry(lib_name_service_t *service, uint32_t ha
 // the id bound since the last release of a whole name (then it is still bound).
 bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle);
 
-// Records that a release may have unbound a name id. Call with the channel mutex held, after
-// the release.
-void lib_itc_note_release(lib_name_service_t *service, uint32_t handle);
+// Releases the binding of `handle`, whose slot holds `rec` (published or not), and settles the
+// name: freed with its id when no binding is left (whatever the roles), else named by the string
+// of a channel that stays when it was named by `rec`'s. Call with the channel mutex held.
+void lib_itc_release(lib_name_service_t *service, uint32_t handle, const lib_itc_channel_t *rec);
 
 // The record of `handle` for the channel's own thread: when the handler on this thread is
 // delivering for that handle, its record (nullptr once closed); else a lookup under the mutex.
@@ -141,11 +174,15 @@ lib_itc_delivery lib_itc_delivery_swap(lib_itc_delivery next);
 
 // ---- Record lifetime (itc_channel.cpp) --------------------------------------------------
 
-// Allocates a record and creates and registers its queue with `dm`. On failure nothing is
-// left allocated and the result is 12 (record) or the platform's code (queue).
-int lib_itc_channel_create(const char *name, uint32_t handle, const lib_itc_attr_t &attr,
-                           kro_dm_t *dm, lib_itc_callback_t callback, void *cookie,
-                           lib_itc_channel_t **out);
+// Allocates a record for `name` (not yet published, one reference). nullptr when memory can't
+// be had.
+lib_itc_channel_t *lib_itc_channel_alloc(const char *name, const lib_itc_attr_t &attr, kro_dm_t *dm,
+                                         lib_itc_callback_t callback, void *cookie);
+// Creates the record's queue and registers it with the record's manager, the handle as cookie.
+// 0, or the platform's code with no queue left.
+int lib_itc_channel_start(lib_itc_channel_t *rec, uint32_t handle);
+// Frees a record that was never started.
+void lib_itc_channel_free(lib_itc_channel_t *rec);
 
 // Takes a reference (with the channel mutex held, the record found in its slot), drops one.
 inline void lib_itc_channel_ref(lib_itc_channel_t *rec) {

@@ -12,8 +12,9 @@ namespace {
 lib_itc_channel_t *lib_itc_send_target(lib_name_service_t *service, uint32_t handle,
                                        uint32_t destination) {
   const bool from_server = lib_name_service_handle_slot(handle) == 0;
-  if (from_server && (destination == 0 || lib_name_service_handle_id(destination) !=
-                                              lib_name_service_handle_id(handle))) {
+  if (from_server &&
+      (!lib_itc_handle_shaped(destination) ||
+       lib_name_service_handle_id(destination) != lib_name_service_handle_id(handle))) {
     return nullptr;
   }
   lib_itc_lock_spin lock;
@@ -29,16 +30,21 @@ lib_itc_channel_t *lib_itc_send_target(lib_name_service_t *service, uint32_t han
   return dst;
 }
 
-// Reserves `length` bytes of the destination's budget. False when they don't fit.
-bool lib_itc_budget_take(lib_itc_channel_t *dst, uint32_t length) {
-  uint32_t queued = dst->queued_bytes.load(std::memory_order_relaxed);
+// Admits a data message of `length` bytes to the destination: 0 with the message counted
+// against both bounds, else 28 when its bytes don't fit the budget, or KRO_DM_EAGAIN when the
+// channel already holds its queue_len data messages. One compare-and-swap does both.
+int lib_itc_admit(lib_itc_channel_t *dst, uint32_t length) {
+  uint64_t queued = dst->queued.load(std::memory_order_relaxed);
   do {
-    if (static_cast<uint64_t>(length) + queued > dst->max_bytes) {
-      return false;
+    if (static_cast<uint64_t>(length) + static_cast<uint32_t>(queued) > dst->max_bytes) {
+      return LIB_ITC_ENOSPC;
     }
-  } while (
-      !dst->queued_bytes.compare_exchange_weak(queued, queued + length, std::memory_order_relaxed));
-  return true;
+    if ((queued >> 32) >= dst->queue_len) {
+      return KRO_DM_EAGAIN;
+    }
+  } while (!dst->queued.compare_exchange_weak(queued, queued + lib_itc_queued_msg(length),
+                                              std::memory_order_relaxed));
+  return 0;
 }
 
 }  // namespace
@@ -47,7 +53,8 @@ extern "C" {
 
 int lib_itc_alloc(uint32_t handle, uint32_t length, void **payload) {
   lib_name_service_t *service = lib_itc_name_service_get();
-  if (service == nullptr || payload == nullptr || !lib_itc_id_bound(service, handle)) {
+  if (service == nullptr || payload == nullptr || !lib_itc_handle_shaped(handle) ||
+      !lib_itc_id_bound(service, handle)) {
     return LIB_ITC_EINVAL;
   }
   size_t total = 0;  // header + payload; only a 32-bit size_t can overflow here
@@ -67,8 +74,9 @@ int lib_itc_alloc(uint32_t handle, uint32_t length, void **payload) {
 }
 
 int lib_itc_free(uint32_t handle, void *payload) {
+  // The name need not be bound any more: whoever holds a message can always give it back.
   lib_name_service_t *service = lib_itc_name_service_get();
-  if (service == nullptr || !lib_itc_id_bound(service, handle) || payload == nullptr) {
+  if (service == nullptr || !lib_itc_handle_shaped(handle) || payload == nullptr) {
     return LIB_ITC_EINVAL;
   }
   lib_itc_msg_hdr_t *msg = lib_itc_hdr_of(payload);
@@ -81,7 +89,7 @@ int lib_itc_free(uint32_t handle, void *payload) {
 
 int lib_itc_send(uint32_t handle, uint32_t destination, void *payload) {
   lib_name_service_t *service = lib_itc_name_service_get();
-  if (service == nullptr || payload == nullptr) {
+  if (service == nullptr || payload == nullptr || !lib_itc_handle_shaped(handle)) {
     return LIB_ITC_EINVAL;
   }
   lib_itc_msg_hdr_t *msg = lib_itc_hdr_of(payload);
@@ -93,12 +101,12 @@ int lib_itc_send(uint32_t handle, uint32_t destination, void *payload) {
     return LIB_ITC_EINVAL;
   }
   const uint32_t length = msg->length;
-  int rc = LIB_ITC_ENOSPC;
-  if (lib_itc_budget_take(dst, length)) {
+  int rc = lib_itc_admit(dst, length);
+  if (rc == 0) {
     // The message belongs to the queue as soon as it is in: read nothing of it afterwards.
     rc = kro_dm_watched_queue_enqueue(dst->queue, msg);
     if (rc != 0) {
-      dst->queued_bytes.fetch_sub(length, std::memory_order_relaxed);
+      lib_itc_queued_leave(dst, length);
     }
   }
   lib_itc_channel_unref(dst);

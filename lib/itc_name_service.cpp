@@ -20,6 +20,7 @@ bool lib_itc_channel_mutex_ready = false;  // guarded by lib_itc_create_mutex
 // lock and unlock writes the mutex; sharing a line would make readers miss on each write.
 alignas(64) pthread_mutex_t lib_itc_channel_mutex;
 alignas(64) std::atomic<lib_name_service_t *> lib_itc_service{nullptr};
+lib_name_service_ids lib_itc_released_ids{};  // guarded by the channel mutex
 
 }  // namespace
 
@@ -43,6 +44,10 @@ lib_name_service_t *lib_itc_name_service_get() {
   }
   pthread_mutex_unlock(&lib_itc_create_mutex);
   return service;
+}
+
+lib_name_service_ids *lib_itc_ids() {
+  return &lib_itc_released_ids;
 }
 
 pthread_mutex_t *lib_itc_mutex() {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "lib/itc_internal.h"
+#include "trace/trace_point.h"
 
 namespace {
 
@@ -42,14 +43,20 @@ void lib_itc_post_msg(lib_itc_channel_t *rec, uint32_t type, uint32_t handle, ui
   const size_t size = sizeof(lib_itc_msg_hdr_t) + (type == LIB_ITC_MSG_DATA ? length : 0);
   auto *msg = static_cast<lib_itc_msg_hdr_t *>(malloc(size));
   if (msg == nullptr) {
+    ZEL_TRACE(lib_amdt, ZEL_TRACE_ERROR, LIB_ITC_ENOMEM, "malloc failed\n");
     return;
   }
   msg->link = nullptr;
   msg->type = type;
   msg->handle = handle;
   msg->length = length;
-  if (kro_dm_watched_queue_enqueue(rec->queue, msg) != 0) {
+  const int rc = kro_dm_watched_queue_enqueue(rec->queue, msg);
+  if (rc != 0) {
     free(msg);
+    // A queue being deregistered belongs to a channel that is gone: nobody is left to tell.
+    if (rc != KRO_DM_ENOTCONN) {
+      ZEL_TRACE(lib_amdt, ZEL_TRACE_ERROR, rc, "kro_dm_watched_queue_enqueue failed\n");
+    }
   }
 }
 

@@ -1,18 +1,11 @@
-// lib_itc_open: bind the name, create and register the queue, publish the record, tell the
-// peers.
+// lib_itc_open: bind the name with the record in its slot, create and register the queue,
+// publish the record, tell the peers.
 #include "lib/itc_internal.h"
 
 namespace {
 
 constexpr lib_itc_attr_t lib_itc_attr_default = {0, LIB_ITC_DEFAULT_QUEUE_LEN,
                                                  LIB_ITC_DEFAULT_MAX_BYTES};
-
-// Takes back a binding whose record was never stored.
-void lib_itc_open_unbind(lib_name_service_t *service, uint32_t handle) {
-  lib_itc_lock lock;
-  lib_name_service_unbind(service, handle);
-  lib_itc_note_release(service, handle);
-}
 
 }  // namespace
 
@@ -30,31 +23,39 @@ extern "C" uint32_t lib_itc_open(uint32_t *handle, const char *name, int32_t rol
   if (name == nullptr || dm == nullptr || callback == nullptr) {
     return LIB_ITC_EINVAL;
   }
-  const lib_itc_attr_t &a = attr != nullptr ? *attr : lib_itc_attr_default;
   const bool server = role == LIB_ITC_SERVER;
-
+  lib_itc_channel_t *rec = lib_itc_channel_alloc(
+      name, attr != nullptr ? *attr : lib_itc_attr_default, dm, callback, cookie);
+  if (rec == nullptr) {
+    return LIB_ITC_ENOMEM;
+  }
   uint32_t h = 0;
   {
     lib_itc_lock lock;
-    if (lib_name_service_insert(service, &h, name, server ? 1 : 0) == nullptr) {
+    if (lib_name_service_insert_recycling(service, &h, name, server ? 1 : 0, lib_itc_ids()) ==
+        nullptr) {
+      lib_itc_channel_free(rec);
       return LIB_ITC_EBUSY;
     }
-    *lib_name_service_slot(service, h) = lib_itc_slot_reserved();
+    // Until it is published the record is in its slot for the name service only: lookups take
+    // it for an unknown handle, the notification loops of concurrent opens and closes skip it,
+    // and no concurrent binding takes the slot.
+    *lib_name_service_slot(service, h) = rec;
   }
-  // Until the record is stored the slot holds the reservation mark: lookups treat it as an
-  // unknown handle, the notification loops of concurrent opens and closes skip it, and no
-  // concurrent binding takes it.
-  lib_itc_channel_t *rec = nullptr;
-  const int rc = lib_itc_channel_create(name, h, a, dm, callback, cookie, &rec);
+  const int rc = lib_itc_channel_start(rec, h);
   if (rc != 0) {
-    lib_itc_open_unbind(service, h);
+    {
+      lib_itc_lock lock;
+      lib_itc_release(service, h, rec);
+    }
+    lib_itc_channel_free(rec);
     return static_cast<uint32_t>(rc);
   }
 
   lib_itc_notice notice(server ? lib_itc_notice::server_open : lib_itc_notice::client_open, rec, h);
   {
     lib_itc_lock lock;
-    *lib_name_service_slot(service, h) = rec;
+    rec->published = true;
     notice.collect(lib_name_service_entry_of(service, h));
   }
   notice.post();

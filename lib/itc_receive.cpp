@@ -45,7 +45,8 @@ extern "C" {
 
 int lib_itc_receive(uint32_t handle, uint32_t *sender, void **payload, uint32_t *length) {
   lib_name_service_t *service = lib_itc_name_service_get();
-  if (service == nullptr || sender == nullptr || payload == nullptr || length == nullptr) {
+  if (service == nullptr || sender == nullptr || payload == nullptr || length == nullptr ||
+      !lib_itc_handle_shaped(handle)) {
     return LIB_ITC_EINVAL;
   }
   lib_itc_channel_t *rec = lib_itc_own_record(service, handle);
@@ -60,7 +61,7 @@ int lib_itc_receive(uint32_t handle, uint32_t *sender, void **payload, uint32_t 
   *sender = msg->handle;
   *payload = lib_itc_payload_of(msg);
   *length = msg->length;
-  rec->queued_bytes.fetch_sub(msg->length, std::memory_order_relaxed);
+  lib_itc_queued_leave(rec, msg->length);
   return LIB_ITC_OK;
 }
 
@@ -70,7 +71,7 @@ int lib_itc_get_connection_event(uint32_t handle, uint32_t *event, uint32_t *cli
   }
   *event = 0;
   lib_name_service_t *service = lib_itc_name_service_get();
-  if (service == nullptr || client == nullptr) {
+  if (service == nullptr || client == nullptr || !lib_itc_handle_shaped(handle)) {
     return LIB_ITC_EINVAL;
   }
   lib_itc_channel_t *rec = lib_itc_own_record(service, handle);

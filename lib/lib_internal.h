@@ -35,12 +35,43 @@ inline void **lib_name_service_slot(lib_name_service_t *service, uint32_t handle
   return slot < entry->slots->used ? &entry->slots->data[slot] : nullptr;
 }
 
-// Takes back a binding whose object was never stored (its slot still holds NULL), counting the
-// reservation out exactly as a release of a filled slot would: an owner binding of a name with
-// no shared slot counted frees the entry, an owner binding with shared slots clears
-// LIB_NAME_SERVICE_OWNED, a shared binding frees its slot for reuse. For a slot that holds a
-// value it is lib_name_service_remove. Unknown ids change nothing. The caller serialises.
-void lib_name_service_unbind(lib_name_service_t *service, uint32_t handle);
+// Links `elem` into both sets of an id-name table under the given id (the id-name insert's own
+// last step). The caller has checked that no element of that name or id is linked.
+void kro_ext_hash_id_name_link(kro_ext_hash_id_name_t *table, kro_ext_hash_id_name_elem_t *elem,
+                               uint32_t id);
+
+// Ids of released names, handed out again, oldest first, once the service's fresh ids (1 to
+// LIB_NAME_SERVICE_MAX_ID) are used up: a process can bind and release names forever, and a
+// just-released id is the last to come back. Room for every id ever handed out is reserved when
+// a fresh id is, so that giving an id back never allocates. The service's serialisation guards
+// it; ids that fit 16 bits, so 2 bytes each, 128 KiB at most.
+struct lib_name_service_ids {
+  uint16_t *ring;
+  uint32_t cap;    // ids the ring can hold
+  uint32_t head;   // the oldest
+  uint32_t count;  // ids waiting
+};
+
+// lib_name_service_insert, for a service whose released ids go to `ids`: a new entry takes a
+// fresh id while there are any, then the oldest waiting in `ids`. NULL (nothing changed) also
+// when no room can be reserved in `ids` or every id is bound.
+lib_name_service_entry_t *lib_name_service_insert_recycling(lib_name_service_t *service,
+                                                            uint32_t *handle, const char *name,
+                                                            int exclusive,
+                                                            lib_name_service_ids *ids);
+
+// Gives back the id of an entry that has been freed (by lib_name_service_remove).
+void lib_name_service_ids_put(lib_name_service_ids *ids, uint32_t id);
+
+// Frees an entry that holds no binding (owner slot not bound, no shared slot counted), unlinking
+// it, and gives its id to `ids`. The name stays the binder's.
+void lib_name_service_entry_drop(lib_name_service_t *service, lib_name_service_entry_t *entry,
+                                 lib_name_service_ids *ids);
+
+// Whether an entry holds no binding at all.
+inline bool lib_name_service_entry_unbound(const lib_name_service_entry_t *entry) {
+  return (entry->flags & LIB_NAME_SERVICE_OWNED) == 0 && entry->slots->count <= 1;
+}
 
 // The process-wide name service of the channels, created on the first call together with the
 // channel mutex (kro_thread_mutex_init, NULL attributes). Concurrent first calls create exactly
@@ -49,6 +80,10 @@ void lib_name_service_unbind(lib_name_service_t *service, uint32_t handle);
 // by a private, statically initialised mutex that is held only while creating, never together
 // with the channel mutex; once a service exists the call is one atomic load. Any thread.
 lib_name_service_t *lib_itc_name_service_get();
+
+// The ids the channels' released names gave back, for lib_name_service_insert_recycling on the
+// process-wide service. Guarded by the channel mutex.
+lib_name_service_ids *lib_itc_ids();
 
 // The process-wide channel mutex. Initialised once lib_itc_name_service_get() has returned a
 // service; it must not be locked before that.

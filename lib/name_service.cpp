@@ -34,11 +34,34 @@ void lib_name_service_entry_release(lib_name_service_t *service, lib_name_servic
   lib_name_service_entry_free(entry);
 }
 
-// Creates, numbers and links the entry of an unbound name, with slot 0 reserved. nullptr, with
-// nothing allocated and nothing linked, when memory can't be had or the ids are used up.
+// Makes room in `ids` for every id up to `id`, so that any of them can be given back without an
+// allocation. Fresh ids are handed out before any is taken back, so the ring is still unwrapped
+// (head 0) whenever it grows.
+bool lib_name_service_ids_reserve(lib_name_service_ids *ids, uint32_t id) {
+  if (id <= ids->cap) {
+    return true;
+  }
+  uint32_t cap = ids->cap < 64 ? 64 : ids->cap * 2;
+  cap = cap < id ? id : cap;
+  cap = cap > LIB_NAME_SERVICE_MAX_ID ? LIB_NAME_SERVICE_MAX_ID : cap;
+  void *ring = realloc(ids->ring, cap * sizeof *ids->ring);
+  if (ring == nullptr) {
+    return false;
+  }
+  ids->ring = static_cast<uint16_t *>(ring);
+  ids->cap = cap;
+  return true;
+}
+
+// Creates, numbers and links the entry of an unbound name, with slot 0 reserved. Its id is a
+// fresh one while any are left, else (with `ids`) the oldest given back. nullptr, with nothing
+// allocated and nothing linked, when memory can't be had or no id is free.
 lib_name_service_entry_t *lib_name_service_entry_create(lib_name_service_t *service,
-                                                        const char *name) {
-  if (service->next_id == 0 || service->next_id > LIB_NAME_SERVICE_MAX_ID) {
+                                                        const char *name,
+                                                        lib_name_service_ids *ids) {
+  const bool fresh = service->next_id != 0 && service->next_id <= LIB_NAME_SERVICE_MAX_ID;
+  if (fresh ? ids != nullptr && !lib_name_service_ids_reserve(ids, service->next_id)
+            : ids == nullptr || ids->count == 0) {
     return nullptr;
   }
   auto *entry =
@@ -52,8 +75,15 @@ lib_name_service_entry_t *lib_name_service_entry_create(lib_name_service_t *serv
   // The reservation of slot 0 is made before the entry is linked, so that every failure
   // below leaves nothing to unlink. The id-name insert links both sets or neither; an id left
   // at 0 means it did not insert.
-  if (entry->slots == nullptr || lib_array_pointers_append(entry->slots, nullptr) != 0 ||
-      kro_ext_hash_id_name_insert(service, &entry->header) != 0 || entry->header.id == 0) {
+  if (entry->slots == nullptr || lib_array_pointers_append(entry->slots, nullptr) != 0) {
+    lib_name_service_entry_free(entry);
+    return nullptr;
+  }
+  if (!fresh) {
+    kro_ext_hash_id_name_link(service, &entry->header, ids->ring[ids->head]);
+    ids->head = ids->head + 1 == ids->cap ? 0 : ids->head + 1;
+    --ids->count;
+  } else if (kro_ext_hash_id_name_insert(service, &entry->header) != 0 || entry->header.id == 0) {
     lib_name_service_entry_free(entry);
     return nullptr;
   }
@@ -71,24 +101,9 @@ int32_t lib_name_service_shared_slot(const lib_array_t *slots) {
   return slots->used < LIB_NAME_SERVICE_MAX_SLOTS ? slots->used : -1;
 }
 
-}  // namespace
-
-extern "C" {
-
-lib_name_service_t *lib_name_service_create(void) {
-  auto *service = static_cast<lib_name_service_t *>(calloc(1, sizeof(lib_name_service_t)));
-  if (service == nullptr) {
-    return nullptr;
-  }
-  if (kro_ext_hash_id_name_init(service) != 0) {
-    free(service);
-    return nullptr;
-  }
-  return service;
-}
-
-lib_name_service_entry_t *lib_name_service_insert(lib_name_service_t *service, uint32_t *handle,
-                                                  const char *name, int exclusive) {
+lib_name_service_entry_t *lib_name_service_bind(lib_name_service_t *service, uint32_t *handle,
+                                                const char *name, int exclusive,
+                                                lib_name_service_ids *ids) {
   if (service == nullptr || handle == nullptr || name == nullptr) {
     return nullptr;
   }
@@ -96,7 +111,7 @@ lib_name_service_entry_t *lib_name_service_insert(lib_name_service_t *service, u
       lib_name_service_entry_cast(kro_ext_hash_name_get(&service->names, name));
   const bool created = entry == nullptr;
   if (created) {
-    entry = lib_name_service_entry_create(service, name);
+    entry = lib_name_service_entry_create(service, name, ids);
     if (entry == nullptr) {
       return nullptr;
     }
@@ -117,11 +132,35 @@ lib_name_service_entry_t *lib_name_service_insert(lib_name_service_t *service, u
     // made by this call is released all the same rather than left with no binding.
     if (created) {
       lib_name_service_entry_release(service, entry);
+      if (ids != nullptr) {
+        lib_name_service_ids_put(ids, id);
+      }
     }
     return nullptr;
   }
   *handle = lib_name_service_handle_make(id, slot);
   return entry;
+}
+
+}  // namespace
+
+extern "C" {
+
+lib_name_service_t *lib_name_service_create(void) {
+  auto *service = static_cast<lib_name_service_t *>(calloc(1, sizeof(lib_name_service_t)));
+  if (service == nullptr) {
+    return nullptr;
+  }
+  if (kro_ext_hash_id_name_init(service) != 0) {
+    free(service);
+    return nullptr;
+  }
+  return service;
+}
+
+lib_name_service_entry_t *lib_name_service_insert(lib_name_service_t *service, uint32_t *handle,
+                                                  const char *name, int exclusive) {
+  return lib_name_service_bind(service, handle, name, exclusive, nullptr);
 }
 
 void *lib_name_service_remove(lib_name_service_t *service, uint32_t handle) {
@@ -154,17 +193,24 @@ void *lib_name_service_remove(lib_name_service_t *service, uint32_t handle) {
 
 }  // extern "C"
 
-void lib_name_service_unbind(lib_name_service_t *service, uint32_t handle) {
-  void **slot = lib_name_service_slot(service, handle);
-  if (slot == nullptr) {
-    return;
-  }
-  // A reserved slot holds NULL, which a release would not count out: give it a placeholder
-  // first, so the release below counts the reservation out. The placeholder never outlives
-  // the call (the slot is emptied or the entry freed).
-  static char placeholder;
-  if (*slot == nullptr) {
-    *slot = &placeholder;
-  }
-  lib_name_service_remove(service, handle);
+lib_name_service_entry_t *lib_name_service_insert_recycling(lib_name_service_t *service,
+                                                            uint32_t *handle, const char *name,
+                                                            int exclusive,
+                                                            lib_name_service_ids *ids) {
+  return lib_name_service_bind(service, handle, name, exclusive, ids);
+}
+
+void lib_name_service_ids_put(lib_name_service_ids *ids, uint32_t id) {
+  // Room was reserved when the id was handed out fresh: the ring holds every id ever handed out.
+  uint32_t tail = ids->head + ids->count;
+  tail = tail >= ids->cap ? tail - ids->cap : tail;
+  ids->ring[tail] = static_cast<uint16_t>(id);
+  ++ids->count;
+}
+
+void lib_name_service_entry_drop(lib_name_service_t *service, lib_name_service_entry_t *entry,
+                                 lib_name_service_ids *ids) {
+  const uint32_t id = entry->header.id;
+  lib_name_service_entry_release(service, entry);
+  lib_name_service_ids_put(ids, id);
 }

@@ -138,15 +138,14 @@ void kro_dm_timers_free_all(kro_dm *dm) {
 }
 
 int kro_dm_timer_set_deadline(kro_dm *dm, kro_dm_timer *t, uint64_t deadline) {
-  bool nearest;
-  {
-    const std::lock_guard<std::mutex> lock(dm->timer_mutex);
-    if (t->deleted) {
-      return KRO_DM_EINVAL;
-    }
-    nearest = kro_dm_timer_arm_locked(dm, t, deadline);
+  const std::lock_guard<std::mutex> lock(dm->timer_mutex);
+  if (t->deleted) {
+    return KRO_DM_EINVAL;
   }
-  if (nearest) {
+  // The wake-up goes out before the lock is released: the owner can't run the timer without the
+  // lock, so until then it can't have run the handler that lets it destroy the manager. Once the
+  // lock is released, this call touches nothing of the manager (see kro_dm_destroy).
+  if (kro_dm_timer_arm_locked(dm, t, deadline)) {
     kro_dm_wake_sleeper(dm);
   }
   return KRO_DM_OK;

@@ -75,10 +75,9 @@ uint32_t bind(lib_name_service_t *svc, const char *name, bool exclusive) {
   return e == nullptr ? 0 : h;
 }
 
-// Each row binds ('x' owner, 's' shared; expected handle, 0 refused), releases ('r' of a
-// handle; `value`: the slot's object comes back) and unbinds ('u', which counts a binding out
-// even when its slot was never filled), with the name's slot count afterwards (0: no entry) and
-// its owner flag.
+// Each row binds ('x' owner, 's' shared; expected handle, 0 refused) and releases ('r' of a
+// handle; `value`: the slot's object comes back), with the name's slot count afterwards (0: no
+// entry) and its owner flag.
 struct Step {
   char op;
   const char *name;
@@ -108,9 +107,6 @@ const Row kRows[] = {
     {"shared slots are reused lowest first, and grow past the first three",
      {{'s', "a", 0x10001, 0, 2, 0}, {'s', "a", 0x10002, 0, 3, 0}, {'s', "a", 0x10003, 0, 4, 0},
       {'r', "a", 0x10002, 1, 3, 0}, {'s', "a", 0x10002, 0, 4, 0}, {'s', "a", 0x10004, 0, 5, 0}}},
-    {"unbinding a filled slot, an unknown handle, then the reserved slot 0",
-     {{'s', "a", 0x10001, 0, 2, 0}, {'u', "a", 0x10001, 0, 1, 0}, {'u', "a", 0x70000, 0, 1, 0},
-      {'u', "a", 0x10000, 0, 0, 0}}},
     {"unknown ids and slots never handed out change nothing",
      {{'r', "a", 0x10000, 0, 0, 0}, {'x', "a", 0x10000, 0, 1, 1}, {'r', "a", 0x20000, 0, 1, 1},
       {'r', "a", 0x10005, 0, 1, 1}, {'r', "a", 0x00000, 0, 1, 1}}},
@@ -127,8 +123,6 @@ TEST(NameService, HandleSequences) {
       if (s.op == 'r') {
         void *want = s.value ? &g_objects[lib_name_service_handle_slot(s.handle)] : nullptr;
         EXPECT_EQ(lib_name_service_remove(svc, s.handle), want);
-      } else if (s.op == 'u') {
-        lib_name_service_unbind(svc, s.handle);
       } else {
         EXPECT_EQ(bind(svc, s.name, s.op == 'x'), s.handle);
       }
@@ -156,6 +150,40 @@ TEST(NameService, SlotsStopAt255AndIdsAt65535) {
   EXPECT_EQ(kro_ext_hash_id_name_insert(svc, &again), 0);  // a present name is left alone
   EXPECT_EQ(again.id, 0u);
   EXPECT_EQ(svc->next_id, 65536u);
+  ns_test::destroy(svc);
+}
+
+// The channels' binding: once the fresh ids are used up, ids given back are handed out again,
+// oldest first; with none given back, a new name is refused.
+TEST(NameService, RecyclingHandsIdsBackOldestFirstOnceFreshOnesAreUsedUp) {
+  lib_name_service_t *svc = lib_name_service_create();
+  lib_name_service_ids ids{};
+  auto bind_r = [&](const char *name) {
+    uint32_t h = 0;
+    lib_name_service_entry_t *e = lib_name_service_insert_recycling(svc, &h, name, 1, &ids);
+    if (e != nullptr) *lib_name_service_slot(svc, h) = &g_objects[0];
+    return e != nullptr ? h : 0;
+  };
+  svc->next_id = 65534;
+  const uint32_t a = bind_r("a"), b = bind_r("b");
+  EXPECT_EQ(a, 0xFFFE0000u);
+  EXPECT_EQ(b, 0xFFFF0000u);
+  EXPECT_EQ(bind_r("c"), 0u);  // every id bound
+  for (uint32_t h : {b, a}) {  // 65535 goes back first
+    EXPECT_NE(lib_name_service_remove(svc, h), nullptr);
+    lib_name_service_ids_put(&ids, h >> 16);
+  }
+  EXPECT_EQ(bind_r("c"), 0xFFFF0000u);
+  uint32_t shared = 0;  // a shared-only entry dropped by its user gives its id back too
+  lib_name_service_entry_t *d = lib_name_service_insert_recycling(svc, &shared, "d", 0, &ids);
+  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(shared, 0xFFFE0001u);
+  *lib_name_service_slot(svc, shared) = &g_objects[1];
+  EXPECT_EQ(lib_name_service_remove(svc, shared), &g_objects[1]);  // the entry stays
+  ASSERT_TRUE(lib_name_service_entry_unbound(d));
+  lib_name_service_entry_drop(svc, d, &ids);
+  EXPECT_EQ(bind_r("e"), 0xFFFE0000u);
+  free(ids.ring);
   ns_test::destroy(svc);
 }
 
@@ -204,7 +232,7 @@ TEST(ItcNameService, ConcurrentFirstCallsCreateOneServiceAndTheMutexGuardsIt) {
         }
         lib_itc_lock lock;
         found += *lib_name_service_slot(svc, h) == &seen[t] ? 1 : 0;
-        lib_name_service_unbind(svc, h);
+        lib_name_service_remove(svc, h);
       }
     });
   }

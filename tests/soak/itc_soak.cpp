@@ -1,5 +1,9 @@
 // Channel soak: server threads that close and reopen their names while sender threads open,
-// push and close clients, each thread running its own dispatch manager. Senders push until the
+// push and close clients, each thread running its own dispatch manager. Beside them, a process's
+// whole life in fast motion: an owner thread creates a manager, opens servers and clients on
+// names made per request, and a closer thread closes them from outside and frees each name
+// string as soon as its close returns, while the owner destroys its manager right after the last
+// clean-up, then starts over; the names' ids come round again many times. Senders push until the
 // server's budget refuses (28); receivers are sometimes slow and sometimes ignore a message, so
 // its bytes come back through the library's discard; servers answer some messages, racing the
 // clients' closes. After the given time everything closes, and one line of totals is printed.
@@ -11,10 +15,15 @@
 // program allocates starts with a live stamp, which it overwrites before it frees a message
 // itself, so a block freed with the stamp still live is a message the library freed.
 //
+// The last line also gives how often the ids came round, and the live blocks and resident memory
+// after the warm-up, after the first tenth of the run and at the end.
+//
 //   itc_soak [--seconds N (default 10)] [--senders N (default 3)]
 #include <kro/dm.h>
 #include <malloc.h>
+#include <unistd.h>
 #include <zel/itc.h>
+#include <zel/name_service.h>
 
 #include <atomic>
 #include <chrono>
@@ -38,7 +47,7 @@ const lib_itc_attr_t kClientAttr = {0, 16, 512};
 constexpr unsigned kCodes = 128;
 
 struct Totals {
-  std::atomic<uint64_t> allocated{0}, sent{0}, received{0};
+  std::atomic<uint64_t> allocated{0}, sent{0}, received{0}, names{0};
   std::atomic<uint64_t> freed_receiver{0}, freed_sender{0}, freed_library{0};
   std::atomic<uint64_t> corrupt{0}, errors{0};
   std::atomic<uint64_t> refused[kCodes] = {};
@@ -101,12 +110,14 @@ int soak_send(uint32_t handle, uint32_t destination, uint32_t length) {
   return rc;
 }
 
-// Takes the data message being delivered and frees it; returns the sender.
-uint32_t soak_receive(uint32_t handle) {
+// Takes the data message being delivered and frees it; returns the sender. With `may_close`,
+// another thread may be closing the channel meanwhile, which a receive meets as 22 (the message
+// then goes with the channel).
+uint32_t soak_receive(uint32_t handle, bool may_close = false) {
   uint32_t sender = 0, length = 0;
   void *p = nullptr;
   const int rc = lib_itc_receive(handle, &sender, &p, &length);
-  soak_ok(rc, "receive");
+  soak_ok(may_close && rc == LIB_ITC_EINVAL ? 0 : rc, "receive");
   if (rc != 0) {
     return 0;
   }
@@ -221,6 +232,90 @@ void soak_sender_thread(uint32_t seed) {
   soak_ok(kro_dm_destroy(&dm), "dm destroy");
 }
 
+// Callback of the per-request channels: receives what comes, while the closer thread may be
+// closing the channel.
+void soak_request_cb(uint32_t handle, uint32_t type, void * /*cookie*/) {
+  if (type == LIB_ITC_MSG_DATA) {
+    soak_receive(handle, true);
+  }
+}
+
+// One batch of per-request names, handed from the owner to the closer.
+struct Batch {
+  static constexpr unsigned kSize = 6;  // two names with a server and a client, two client-only
+  uint32_t handle[kSize] = {};
+  char *name[kSize] = {};
+  std::atomic<int> state{0};  // 0 empty, 1 ready to close, 2 closed, 3 the owner has stopped
+};
+
+// The owner: a new manager per batch, its channels opened here, closed by the closer thread,
+// and the manager destroyed as soon as their clean-up has run.
+void soak_owner_thread(Batch *b) {
+  uint32_t seq = 0;
+  while (!g_stop.load(std::memory_order_acquire)) {
+    kro_dm_t *dm = nullptr;
+    soak_ok(kro_dm_create(&dm), "dm create");
+    char text[32];
+    for (unsigned i = 0; i < Batch::kSize; ++i) {
+      if (i % 2 == 0 || i >= 4) {
+        std::snprintf(text, sizeof text, "req.%u", seq++);
+        ++g_totals.names;
+      }
+      b->name[i] = strdup(text);
+      const int32_t role = i < 4 && i % 2 == 0 ? LIB_ITC_SERVER : LIB_ITC_CLIENT;
+      soak_ok(static_cast<int>(lib_itc_open(&b->handle[i], b->name[i], role, &kClientAttr, dm,
+                                            soak_request_cb, nullptr)),
+              "request open");
+    }
+    soak_send(b->handle[1], 0, 16);  // to the server of the first name: freed at its clean-up
+    b->state.store(1, std::memory_order_release);
+    while (kro_dm_destroy(&dm) == KRO_DM_EBUSY) {
+      soak_ok(kro_dm_wait(dm), "wait");
+      soak_ok(kro_dm_dispatch(dm), "dispatch");
+    }
+    while (b->state.load(std::memory_order_acquire) != 2) {  // the closer's last free
+      std::this_thread::yield();
+    }
+    b->state.store(0, std::memory_order_relaxed);
+  }
+  b->state.store(3, std::memory_order_release);
+}
+
+// The closer: closes each channel of a batch from its own thread, clients and servers in a
+// shuffled order, and frees the name string right after the close returns.
+void soak_closer_thread(Batch *b) {
+  uint32_t rng = 0xdecade;
+  for (;;) {
+    int state = 0;
+    while ((state = b->state.load(std::memory_order_acquire)) != 1) {
+      if (state == 3) {
+        return;
+      }
+      std::this_thread::yield();
+    }
+    const unsigned first = soak_rand(rng) % Batch::kSize;
+    for (unsigned k = 0; k < Batch::kSize; ++k) {
+      const unsigned i = (first + k) % Batch::kSize;
+      soak_ok(lib_itc_close(&b->handle[i]), "request close");
+      std::free(b->name[i]);
+      b->name[i] = nullptr;
+    }
+    b->state.store(2, std::memory_order_release);
+  }
+}
+
+// Resident memory in KiB.
+long soak_rss_kib() {
+  long pages = 0, resident = 0;
+  if (FILE *f = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) {
+      resident = 0;
+    }
+    std::fclose(f);
+  }
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
 unsigned long long soak_load(const std::atomic<uint64_t> &v) {
   return v.load();
 }
@@ -250,6 +345,7 @@ int main(int argc, char **argv) {
     soak_ok(kro_dm_destroy(&dm), "dm destroy");
   }
   const long live_at_start = zel_test::fault_live_blocks();
+  const long rss_at_start = soak_rss_kib();
   zel_test::fault_set_free_hook(soak_free_hook);
 
   Server servers[kNames];
@@ -263,7 +359,14 @@ int main(int argc, char **argv) {
   for (unsigned i = 0; i < senders; ++i) {
     threads.emplace_back(soak_sender_thread, 0xa5a5a5u + 7919u * i);
   }
-  std::this_thread::sleep_for(std::chrono::seconds(seconds));  // the run's length
+  Batch batch;
+  threads.emplace_back(soak_owner_thread, &batch);
+  threads.emplace_back(soak_closer_thread, &batch);
+  // The run's length; live blocks and memory once the first tenth has warmed the allocator.
+  std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 100));
+  const long live_early = zel_test::fault_live_blocks() - live_at_start;
+  const long rss_early = soak_rss_kib();
+  std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 900));
   g_stop.store(true, std::memory_order_release);
   for (Server &s : servers) {
     kro_dm_wake(s.dm);
@@ -281,6 +384,7 @@ int main(int argc, char **argv) {
   }
   zel_test::fault_set_free_hook(nullptr);
   const long live = zel_test::fault_live_blocks() - live_at_start;
+  const long rss_end = soak_rss_kib();
 
   const Totals &t = g_totals;
   uint64_t refused = 0;
@@ -301,5 +405,11 @@ int main(int argc, char **argv) {
                   t.errors == 0 && live == 0;
   std::printf("; corrupt %llu, errors %llu, blocks left %ld: %s\n", soak_load(t.corrupt),
               soak_load(t.errors), live, ok ? "balanced" : "NOT BALANCED");
+  std::printf(
+      "itc_soak: %llu names made per request (ids came round %llu times); live blocks %ld at "
+      "a tenth of the run, %ld at the end; resident %ld KiB after warm-up, %ld at a tenth, %ld "
+      "at the end\n",
+      soak_load(t.names), soak_load(t.names) / LIB_NAME_SERVICE_MAX_ID, live_early, live,
+      rss_at_start, rss_early, rss_end);
   return ok ? 0 : 1;
 }

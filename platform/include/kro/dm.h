@@ -65,8 +65,19 @@ int kro_dm_create(kro_dm_t **dm);
  * detach them first. Timers that still exist are deleted without their handlers being called,
  * and descriptor registrations are dropped (the descriptors themselves stay open: they are the
  * caller's). KRO_DM_EINVAL for a NULL dm or *dm; KRO_DM_EBUSY also when called from inside one
- * of the manager's own handlers. No other thread may use the manager during or after the call
- * (timer and wake calls included). */
+ * of the manager's own handlers.
+ * When the owner may call it: once nothing is registered or attached, and every call another
+ * thread made into the manager has either returned or had its effect seen by the owner. Two
+ * calls from other threads are done with the manager by the time the owner sees their effect:
+ * - kro_dm_watched_queue_enqueue touches the manager only while it holds the queue's
+ *   registration, and deregistration waits for such enqueues: once the owner has deregistered
+ *   the queue, no enqueue onto it touches the manager again;
+ * - kro_dm_timer_settime (and the managed timers' arming) wakes the manager before it lets go
+ *   of the timer: once the armed timer's handler has started, the arming call touches the
+ *   manager no more, even if it has not returned yet.
+ * So an owner may destroy its manager right after a timer handler armed from another thread has
+ * run (a channel's clean-up, say). Every other call from another thread (kro_dm_wake,
+ * kro_dm_timer_register, kro_dm_timer_cancel, ...) must have returned, and none may follow. */
 int kro_dm_destroy(kro_dm_t **dm);
 
 /* Blocks the owner until something is due: a watched queue with messages, a timer whose
@@ -267,8 +278,10 @@ int kro_dm_timer_register(kro_dm_t *dm, kro_dm_timer_t **timer, kro_dm_timer_fn 
 
 /* Arms the timer one-shot for `value` from now, replacing any earlier arming that has not run
  * yet. {0, 0} runs the handler once, at the manager's next dispatch step. Wakes the manager when
- * the new deadline is its nearest. Any thread. Returns 0; KRO_DM_EINVAL for NULL arguments,
- * nsec of 1000000000 or more, or a timer of another manager (nothing changed). */
+ * the new deadline is its nearest, before the timer can run: from the moment its handler starts,
+ * this call no longer touches the manager (see kro_dm_destroy). Any thread. Returns 0;
+ * KRO_DM_EINVAL for NULL arguments, nsec of 1000000000 or more, or a timer of another manager
+ * (nothing changed). */
 int kro_dm_timer_settime(kro_dm_t *dm, kro_dm_timer_t *timer, const kro_dm_time_t *value);
 
 /* Disarms the timer if it is armed and has not started running. Any thread. Returns 0 (also
