@@ -187,6 +187,9 @@ int lib_itc_channel_retire(lib_itc_channel_t *rec) {
     lib_itc_msg_discard(rec->current);
     rec->current = nullptr;
   }
+  // What is still queued goes now, not with the last reference: a sender may keep the record
+  // pinned for long. Sends from now on are refused by the deregistered queue.
+  lib_itc_queue_discard_all(rec->queue);
   lib_itc_channel_unref(rec);
   return 0;
 }
@@ -204,11 +207,15 @@ void lib_itc_orphan_add(lib_itc_channel_t *rec) {
   lib_itc_orphan_count.fetch_add(1, std::memory_order_release);
 }
 
-void lib_itc_queue_closed_drain(kro_dm_watched_queue_t *queue) {
+void lib_itc_queue_discard_all(kro_dm_watched_queue_t *queue) {
   void *msg = nullptr;
   while (kro_dm_watched_queue_dequeue(queue, &msg) == 0) {
     lib_itc_msg_discard(static_cast<lib_itc_msg_hdr_t *>(msg));
   }
+}
+
+void lib_itc_queue_closed_drain(kro_dm_watched_queue_t *queue) {
+  lib_itc_queue_discard_all(queue);
   if (lib_itc_orphan_count.load(std::memory_order_acquire) == 0) {
     return;
   }

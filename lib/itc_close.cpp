@@ -73,6 +73,7 @@ extern "C" int lib_itc_close(uint32_t *handle) {
     lib_itc_release(service, h, rec);
   }
   notice.post();
+  lib_itc_send_unpin_closed();  // a thread that closes what it sent to keeps nothing pinned
   lib_itc_queue_entry_destroy(rec);
   *handle = 0;
   return LIB_ITC_OK;

@@ -3,11 +3,14 @@
 // Record lifetime. A channel record carries a reference count. Open creates it with one
 // reference, the channel's own, which the clean-up drops on the channel's own thread after
 // deregistering the queue. Every thread that uses a record it found in a slot outside the
-// channel mutex (a sender, a poster of notifications) takes a reference under the mutex, while
-// the slot still holds the record, and drops it when done. Whoever drops the last reference
-// destroys the queue (freeing the messages left in it) and frees the record. The queue is
-// deregistered before the channel's own reference goes, so the last reference is only ever
-// dropped on an unregistered queue, which any thread may destroy.
+// channel mutex (a poster of notifications, a sender) takes a reference under the mutex, while
+// the slot still holds the record. A poster drops it when done; a sender keeps it, one per
+// thread, for its next sends to the same destination, as long as the record is not closed
+// (lib_itc_send_pin in itc_msg.cpp): a stream of sends then takes neither the mutex nor a
+// reference per message. Whoever drops the last reference destroys the queue and frees the
+// record. The clean-up deregisters and empties the queue before the channel's own reference
+// goes, so the last reference is only ever dropped on an unregistered queue, which any thread
+// may destroy, and a pinned closed record holds no messages.
 //
 // The channel's own thread (the one that runs its dispatch manager) reads the record it finds
 // in a slot without a reference: only that thread drops the channel's own reference, so the
@@ -198,6 +201,12 @@ int lib_itc_channel_retire(lib_itc_channel_t *rec);
 // Frees a message left in a closed channel (a notification or a data message); the embedded
 // wake message is left alone.
 void lib_itc_msg_discard(lib_itc_msg_hdr_t *msg);
+
+// Drops this thread's pin on the destination of its last send if that channel is closed.
+void lib_itc_send_unpin_closed();
+
+// Frees every message in a queue that no handler runs for any more (its own thread).
+void lib_itc_queue_discard_all(kro_dm_watched_queue_t *queue);
 
 // The orphan list: closed records whose clean-up timer could not be set up.
 void lib_itc_orphan_add(lib_itc_channel_t *rec);

@@ -6,9 +6,46 @@
 
 namespace {
 
-// The destination of a send from `handle`, with a reference taken, or nullptr. A client's is
-// the server of its name; the server's is the record in `destination`'s slot, which must be of
-// the same name. Takes the channel mutex for the lookup and the reference only.
+// The destination this thread sent to last, pinned by a reference of the thread's own: while
+// that record is not closed it is still what the handle and destination name (a closed
+// channel's record leaves its slot, and a slot is filled again only by a new record), and its
+// channel keeps the name bound. So a stream of sends to one destination takes neither the
+// channel mutex nor a reference per message. The reference goes when the thread sends elsewhere,
+// finds the record closed, or exits; until then a closed record (its queue already drained by
+// the clean-up) stays allocated for this thread.
+struct lib_itc_send_pin {
+  uint32_t handle = 0;
+  uint32_t destination = 0;  // as looked up: 0 for a client's sends
+  lib_itc_channel_t *dst = nullptr;
+
+  lib_itc_send_pin() = default;
+  lib_itc_send_pin(const lib_itc_send_pin &) = delete;
+  lib_itc_send_pin &operator=(const lib_itc_send_pin &) = delete;
+  ~lib_itc_send_pin() { drop(); }
+  void drop() {
+    if (dst != nullptr) {
+      lib_itc_channel_unref(dst);
+      dst = nullptr;
+    }
+  }
+};
+thread_local lib_itc_send_pin lib_itc_sent_to;
+
+}  // namespace
+
+void lib_itc_send_unpin_closed() {
+  lib_itc_send_pin &pin = lib_itc_sent_to;
+  if (pin.dst != nullptr && pin.dst->closed.load(std::memory_order_acquire)) {
+    pin.drop();
+  }
+}
+
+namespace {
+
+// The destination of a send from `handle`, or nullptr. A client's is the server of its name;
+// the server's is the record in `destination`'s slot, which must be of the same name. The
+// record is pinned for this thread (see lib_itc_send_pin); a new one is looked up, and pinned,
+// under the channel mutex.
 lib_itc_channel_t *lib_itc_send_target(lib_name_service_t *service, uint32_t handle,
                                        uint32_t destination) {
   const bool from_server = lib_name_service_handle_slot(handle) == 0;
@@ -17,16 +54,30 @@ lib_itc_channel_t *lib_itc_send_target(lib_name_service_t *service, uint32_t han
        lib_name_service_handle_id(destination) != lib_name_service_handle_id(handle))) {
     return nullptr;
   }
-  lib_itc_lock_spin lock;
-  lib_name_service_entry_t *entry = lib_itc_entry(service, handle);
-  if (entry == nullptr) {
-    return nullptr;
+  const uint32_t key = from_server ? destination : 0;
+  lib_itc_send_pin &pin = lib_itc_sent_to;
+  if (pin.dst != nullptr && pin.handle == handle && pin.destination == key) {
+    if (!pin.dst->closed.load(std::memory_order_acquire)) {
+      return pin.dst;
+    }
   }
-  const uint32_t slot = from_server ? lib_name_service_handle_slot(destination) : 0;
-  lib_itc_channel_t *dst = lib_itc_entry_record(entry, slot);
-  if (dst != nullptr) {
+  pin.drop();
+  lib_itc_channel_t *dst = nullptr;
+  {
+    lib_itc_lock_spin lock;
+    lib_name_service_entry_t *entry = lib_itc_entry(service, handle);
+    if (entry == nullptr) {
+      return nullptr;
+    }
+    dst = lib_itc_entry_record(entry, from_server ? lib_name_service_handle_slot(destination) : 0);
+    if (dst == nullptr) {
+      return nullptr;
+    }
     lib_itc_channel_ref(dst);
   }
+  pin.handle = handle;
+  pin.destination = key;
+  pin.dst = dst;
   return dst;
 }
 
@@ -109,7 +160,6 @@ int lib_itc_send(uint32_t handle, uint32_t destination, void *payload) {
       lib_itc_queued_leave(dst, length);
     }
   }
-  lib_itc_channel_unref(dst);
   return rc;
 }
 

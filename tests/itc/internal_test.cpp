@@ -1,6 +1,6 @@
 // Deliberately internal: the record's reference count. A sender holding a reference when the
-// clean-up runs keeps the record and its queue; dropping the last reference frees both, and
-// the messages still queued with them, on the dropping thread.
+// clean-up runs keeps the record and its (emptied) queue; dropping the last reference frees
+// both, on the dropping thread.
 #include "lib/itc_internal.h"
 
 #include "itc_test_util.h"
@@ -34,14 +34,14 @@ TEST(ItcInternal, LastReferenceHolderFreesRecordQueueAndMessages) {
   pump(dm.dm);  // the clean-up: queue deregistered, the channel's own reference gone
   EXPECT_TRUE(held->closed.load());
   EXPECT_EQ(held->refs.load(), 1u);
-  // Only the clean-up timer and the client's disconnect notice went; the record, its queue
-  // and the three messages are still there for the late sender, whose enqueue is refused.
-  EXPECT_EQ(zel_test::fault_live_blocks(), before_cleanup - 2);
+  // The clean-up timer, the client's disconnect notice and the three queued messages went; the
+  // record and its queue are still there for the late sender, whose enqueue is refused.
+  EXPECT_EQ(zel_test::fault_live_blocks(), before_cleanup - 2 - 3);
   void *late = make_msg(client, "late");
   EXPECT_EQ(kro_dm_watched_queue_enqueue(held->queue, late), KRO_DM_ENOTCONN);
   EXPECT_EQ(lib_itc_free(client, late), 0);
   lib_itc_channel_unref(held);
-  EXPECT_EQ(zel_test::fault_live_blocks(), before_cleanup - 2 - 5);
+  EXPECT_EQ(zel_test::fault_live_blocks(), before_cleanup - 2 - 3 - 2);
   EXPECT_EQ(lib_itc_close(&client), 0);
 }
 
