@@ -14,9 +14,14 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
 scripts/deps.sh demo
-cmake --preset demo >/dev/null
-cmake --build --preset demo
 out=$root/build/demo/run
+mkdir -p build/demo
+cmake --preset demo >/dev/null
+if ! cmake --build --preset demo > build/demo/build.log 2>&1; then
+  cat build/demo/build.log
+  echo "demo: the build failed (log above, also in build/demo/build.log)" >&2
+  exit 1
+fi
 rm -rf "$out"
 mkdir -p "$out"
 
@@ -33,6 +38,8 @@ echo "demo: snmpd (pid $SNMP_AGENT_PID) on 127.0.0.1:$SNMP_AGENT_PORT, configura
 status=0
 build/demo/examples/snmp_collector --agent "127.0.0.1:$SNMP_AGENT_PORT" \
   --community "$SNMP_AGENT_COMMUNITY" --output "$out/table.txt" "$@" 2> "$out/report.txt" || status=$?
+# The request first, then the table, then the cross-check and the summary.
+sed -n '1{/^request: /p}' "$out/report.txt"
 cat "$out/table.txt" 2>/dev/null || true
-cat "$out/report.txt"
+sed '1{/^request: /d}' "$out/report.txt"
 exit "$status"
