@@ -24,7 +24,6 @@ need_cmd cmake cmake
 need_cmd ninja ninja-build
 need_cmd g++ g++
 need_cmd pkg-config pkg-config
-need_cmd git git
 [ -x /usr/sbin/snmpd ] || missing+=(snmpd)
 need_cmd snmpget snmp
 [ -f /usr/include/net-snmp/net-snmp-includes.h ] || missing+=(libsnmp-dev)
