@@ -183,7 +183,8 @@ static const char *coll_type_name(uint32_t tag) {
 }
 
 /* Whether the library renders values of this type: everything but the numbers, which are
- * printed here (any type other than the address and the object identifier as octets). */
+ * printed here. Addresses and object identifiers have their own conversions; every other type
+ * (octet strings, opaque values, anything unknown) goes through the octet string conversion. */
 static int coll_library_renders(uint32_t tag) {
   return !(tag == COLL_T_INTEGER || tag == COLL_T_COUNTER32 || tag == COLL_T_GAUGE32 ||
            tag == COLL_T_TIMETICKS || tag == COLL_T_COUNTER64 || tag == COLL_T_UINTEGER);
