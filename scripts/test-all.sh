@@ -11,6 +11,10 @@ for preset in default asan tsan m32; do
   echo "=== ${preset}"
   cmake --workflow --preset "${preset}"
   echo "=== ${preset}: SNMP collector integration test"
-  ctest --test-dir "build/${preset}" -L snmp --output-on-failure
+  if ctest --test-dir "build/${preset}" -N -L snmp | grep -q '^Total Tests: 0'; then
+    echo "(no collector in this build: net-snmp's library for this target is not installed)"
+  else
+    ctest --test-dir "build/${preset}" -L snmp --output-on-failure
+  fi
 done
 echo "all four builds passed"
