@@ -6,6 +6,20 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "install failed")
 endif()
 
+# The stand-in's headers live under include/zel_platform/, away from where a real platform's
+# kro/ and host/ would be, and its test probes are not installed.
+foreach(bad include/kro include/host include/zel_platform/kro/probe.h
+    include/zel_platform/host/probe.h include/zel_platform/host/fu_probe.h)
+  if(EXISTS ${prefix}/${bad})
+    message(FATAL_ERROR "installed where it must not be: ${bad}")
+  endif()
+endforeach()
+foreach(good include/zel/version.h include/zel_platform/kro/dm.h include/zel_platform/host/module_dt.h)
+  if(NOT EXISTS ${prefix}/${good})
+    message(FATAL_ERROR "not installed: ${good}")
+  endif()
+endforeach()
+
 # find_package
 execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/consumer -B ${WORK_DIR}/cmake-build
   -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${prefix} RESULT_VARIABLE rc OUTPUT_QUIET)
