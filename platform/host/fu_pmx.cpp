@@ -42,13 +42,12 @@ bool fu_pmx_read_full(int fd, void *buf, size_t len) {
     if (n > 0) {
       p += n;
       len -= static_cast<size_t>(n);
-    } else if (n == 0) {
-      return false;
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      if (!fu_pmx_wait_readable(fd, -1)) {
-        return false;
-      }
-    } else if (errno != EINTR) {
+      continue;
+    }
+    const bool would_block = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    const bool interrupted = n < 0 && errno == EINTR;
+    // End of stream, an error, or a wait for more that fails.
+    if (!interrupted && !(would_block && fu_pmx_wait_readable(fd, -1))) {
       return false;
     }
   }
@@ -94,7 +93,7 @@ int fu_pmx_send(int fd, const void *data, uint32_t len) {
     memcpy(buf + sizeof len, data, len);
   }
   const size_t total = sizeof len + len;
-  ssize_t n;
+  ssize_t n = 0;
   do {
     n = send(fd, buf, total, MSG_NOSIGNAL);
     if (n < 0 && errno == ENOTSOCK) {

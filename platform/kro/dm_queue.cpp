@@ -41,7 +41,7 @@ void kro_dm_backoff(unsigned *round) {
 
 void *kro_dm_link_await(void *node) {
   unsigned round = 0;
-  void *next;
+  void *next = nullptr;
   while ((next = kro_dm_link(node).load(std::memory_order_acquire)) == nullptr) {
     kro_dm_backoff(&round);
   }
