@@ -62,11 +62,11 @@ inline uint32_t kro_hash_final(uint64_t h) {
 
 extern "C" uint32_t kro_hash_calculate(const void *data, size_t len) {
   const auto *p = static_cast<const unsigned char *>(data);
+  if (len == 4 && p != nullptr) {  // the common id key, straight through
+    return kro_hash_final(kro_hash_load32(p) ^ kro_hash_k1 ^ 4);
+  }
   if (p == nullptr) {
     len = 0;
-  }
-  if (len == 4) {  // the common id key, straight through
-    return kro_hash_final(kro_hash_load32(p) ^ kro_hash_k1 ^ 4);
   }
   uint64_t seed = kro_hash_k1 ^ static_cast<uint64_t>(len);
   if (len <= 8) {
