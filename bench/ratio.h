@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iostream>
 #include <map>
 #include <string>
 #include <vector>
@@ -76,39 +77,47 @@ class RatioReporter : public benchmark::ConsoleReporter {
   std::map<std::string, bool> failed_;
 };
 
-// Runs the registered benchmarks and prints the ratio of each pair. Returns the exit status:
-// 1 when a pair could not be measured (a side failed or was filtered out).
-inline int run(int argc, char **argv, const std::vector<Pair> &pairs) {
+// Runs the registered benchmarks and prints the ratio of each pair, the report and the ratios
+// to `out` (standard output when NULL). Returns the exit status: 1 when a pair could not be
+// measured (a side failed).
+inline int run(int argc, char **argv, const std::vector<Pair> &pairs, std::ostream *out = nullptr) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 1;
   }
   RatioReporter reporter;
+  if (out != nullptr) {
+    reporter.SetOutputStream(out);
+    reporter.SetErrorStream(&std::cerr);
+  }
+  std::ostream &os = out != nullptr ? *out : std::cout;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   int status = 0;
-  std::printf("\n");
+  os << "\n";
+  char line[1024];
   for (const Pair &p : pairs) {
-    const double ours = reporter.rate(p.project);
-    const double peer = reporter.rate(p.baseline);
     if (!reporter.seen(p.project) || !reporter.seen(p.baseline)) {
       continue;  // a side filtered out
     }
+    const double ours = reporter.rate(p.project);
+    const double peer = reporter.rate(p.baseline);
     if (ours <= 0 || peer <= 0) {
-      std::printf("ratio: %s = n/a  (%s vs %s: not measured)\n", p.label.c_str(), p.project.c_str(),
-                  p.baseline.c_str());
+      std::snprintf(line, sizeof line, "ratio: %s = n/a  (%s vs %s: not measured)\n",
+                    p.label.c_str(), p.project.c_str(), p.baseline.c_str());
       status = 1;
-      continue;
-    }
-    if (p.kind == Kind::kThroughput) {
-      std::printf("ratio: %s = %.3f  (%s vs %s, project/baseline throughput, >1 faster)\n",
-                  p.label.c_str(), ours / peer, p.project.c_str(), p.baseline.c_str());
+    } else if (p.kind == Kind::kThroughput) {
+      std::snprintf(line, sizeof line,
+                    "ratio: %s = %.3f  (%s vs %s, project/baseline throughput, >1 faster)\n",
+                    p.label.c_str(), ours / peer, p.project.c_str(), p.baseline.c_str());
     } else {
-      std::printf("ratio: %s = %.3f  (%s vs %s, project/baseline time, <1 faster)\n",
-                  p.label.c_str(), peer / ours, p.project.c_str(), p.baseline.c_str());
+      std::snprintf(line, sizeof line,
+                    "ratio: %s = %.3f  (%s vs %s, project/baseline time, <1 faster)\n",
+                    p.label.c_str(), peer / ours, p.project.c_str(), p.baseline.c_str());
     }
+    os << line;
   }
-  std::fflush(stdout);
+  os.flush();
   return status;
 }
 
