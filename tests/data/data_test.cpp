@@ -260,7 +260,7 @@ TEST(ConvertOctets, TextAndHexFormsCutAtEveryLength) {
 // bytes in every block. Each gives the text form (escaped, quoted when a special byte asks for
 // it) exactly when every byte is text in the C locale, and the hex form otherwise.
 TEST(ConvertOctets, LongValuesEveryByteAtEveryBlockPosition) {
-  const std::string base = "ab,c\\de\"fghijklmnopqrst\nuvwxyz0123456789ABCDEFGH";  // 50 bytes
+  const std::string base = "ab,c\\de\"fghijklmnopqrst\nuvwxyz0123456789ABCDEFGHIJ";  // 50 bytes
   auto expected = [](const std::string &bytes) {
     bool text = true;
     bool quoted = false;
@@ -283,7 +283,7 @@ TEST(ConvertOctets, LongValuesEveryByteAtEveryBlockPosition) {
     }
     return quoted ? '"' + out + '"' : out;
   };
-  for (size_t at : {0, 7, 15, 16, 31, 32, 47, 49}) {
+  for (size_t at : {0, 7, 15, 16, 31, 32, 47, 48, 49}) {
     for (int c = 0; c < 256; ++c) {
       std::string bytes = base;
       bytes[at] = static_cast<char>(c);
