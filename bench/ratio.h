@@ -14,6 +14,7 @@
 #define ZEL_BENCH_RATIO_H_
 
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -36,6 +37,8 @@ struct Pair {
 // Records the rate of every run (its repetitions' median) besides printing as the console does.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
+  explicit RatioReporter(OutputOptions options) : ConsoleReporter(options) {}
+
   void ReportRuns(const std::vector<Run> &runs) override {
     for (const Run &r : runs) {
       if (r.run_type != Run::RT_Iteration || r.error_occurred) {
@@ -81,11 +84,20 @@ class RatioReporter : public benchmark::ConsoleReporter {
 // to `out` (standard output when NULL). Returns the exit status: 1 when a pair could not be
 // measured (a side failed).
 inline int run(int argc, char **argv, const std::vector<Pair> &pairs, std::ostream *out = nullptr) {
+  // Colour as the library's own reporter would: on a terminal, unless --benchmark_color says no.
+  bool color = out == nullptr && isatty(STDOUT_FILENO) != 0;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--benchmark_color=false" || arg == "--benchmark_color=no") {
+      color = false;
+    }
+  }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 1;
   }
-  RatioReporter reporter;
+  RatioReporter reporter(color ? benchmark::ConsoleReporter::OO_Defaults
+                               : benchmark::ConsoleReporter::OO_Tabular);
   if (out != nullptr) {
     reporter.SetOutputStream(out);
     reporter.SetErrorStream(&std::cerr);
