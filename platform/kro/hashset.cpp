@@ -381,12 +381,36 @@ int kro_hashset_insert(kro_hashset_t *set, void *elem) {
     return KRO_HASHSET_EINVAL;
   }
   const uint32_t h = set->hash(elem);
+  kro_table &t = set->table;
+  if (t.overflow == nullptr && t.in_slots < t.limit) {
+    // The common case in one pass: the element is not linked yet (no slot of its hash holds
+    // it) and no other element has its hash, so it goes into the first empty slot as it is.
+    bool same_hash = false;
+    uint32_t i = kro_home(h, t.mask);
+    for (; t.slots[i].elem != nullptr; i = (i + 1) & t.mask) {
+      if (t.slots[i].hash == h) {
+        if (t.slots[i].elem == elem) {
+          return KRO_HASHSET_EEXIST;
+        }
+        same_hash = true;
+      }
+    }
+    if (!same_hash) {
+      t.slots[i] = kro_slot{h, elem};
+      kro_hashset_link_t *l = kro_table_link(t, elem);
+      l->next = nullptr;
+      l->aux = i;
+      ++t.in_slots;
+      ++t.count;
+      return KRO_HASHSET_OK;
+    }
+  }
   kro_place at{};
   if (kro_table_find(
-          set->table, h, [elem](const void *e) { return e == elem; }, at)) {
+          t, h, [elem](const void *e) { return e == elem; }, at)) {
     return KRO_HASHSET_EEXIST;
   }
-  kro_table_add(set->table, elem, h);
+  kro_table_add(t, elem, h);
   return KRO_HASHSET_OK;
 }
 
