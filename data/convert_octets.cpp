@@ -196,8 +196,8 @@ void zel_convert_hex_write(char *buf, const uint8_t *d, uint32_t n) {
   if constexpr (std::endian::native == std::endian::little) {
     uint32_t i = 1;
     for (; n - i >= 3; i += 2) {  // two bytes, one 8-byte store, at least one more byte after
-      uint16_t a;
-      uint16_t b;
+      uint16_t a = 0;
+      uint16_t b = 0;
       memcpy(&a, zel_convert_digits.row[d[i]].hex, 2);
       memcpy(&b, zel_convert_digits.row[d[i + 1]].hex, 2);
       const uint64_t piece =
@@ -206,7 +206,7 @@ void zel_convert_hex_write(char *buf, const uint8_t *d, uint32_t n) {
       p += 6;
     }
     for (; i < n; ++i) {
-      uint16_t a;
+      uint16_t a = 0;
       memcpy(&a, zel_convert_digits.row[d[i]].hex, 2);
       const uint32_t piece = static_cast<uint32_t>(':') | static_cast<uint32_t>(a) << 8;
       memcpy(p, &piece, 4);

@@ -56,8 +56,9 @@ kro_slot *kro_slots_alloc(uint32_t n, void **block) {
     return nullptr;
   }
   *block = raw;
-  const uintptr_t a = reinterpret_cast<uintptr_t>(raw);
-  return reinterpret_cast<kro_slot *>((a + kro_group_bytes - 1) & ~(kro_group_bytes - 1));
+  const size_t skip =
+      (kro_group_bytes - reinterpret_cast<uintptr_t>(raw) % kro_group_bytes) % kro_group_bytes;
+  return reinterpret_cast<kro_slot *>(static_cast<char *>(raw) + skip);
 }
 
 struct kro_table {
@@ -214,7 +215,7 @@ void kro_table_add(kro_table &t, void *elem, uint32_t h) {
 // Unlinks the element at `at`. A slot is refilled by shifting back the elements after it whose
 // probe sequences pass over it, in order, so no probe meets an early empty slot.
 void *kro_table_unlink(kro_table &t, const kro_place &at) {
-  void *elem;
+  void *elem = nullptr;
   if (at.prev != nullptr) {
     elem = *at.prev;
     kro_hashset_link_t *l = kro_table_link(t, elem);
