@@ -70,8 +70,8 @@ inline unsigned zel_convert_digits_u32(uint32_t v) {
   if (v < 10) {
     return 1;  // the common case of object identifier arcs
   }
-  constexpr uint32_t pow10[] = {1u,      10u,      100u,      1000u,      10000u,
-                                100000u, 1000000u, 10000000u, 100000000u, 1000000000u};
+  static constexpr uint32_t pow10[] = {1u,      10u,      100u,      1000u,      10000u,
+                                       100000u, 1000000u, 10000000u, 100000000u, 1000000000u};
   // log10 estimate from the bit width (1233 / 4096 ~ log10(2)), corrected by one comparison.
   const unsigned width = 32u - static_cast<unsigned>(std::countl_zero(v));
   const unsigned t = (width * 1233u) >> 12;

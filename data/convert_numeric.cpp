@@ -99,7 +99,8 @@ void zel_convert_hex_groups_cut(char *buf, uint32_t buf_len, const uint8_t *d, u
 }
 
 // Length of the dotted arcs from arc `from` on (each arc's digits and the dots between arcs).
-uint64_t zel_convert_oid_len(const uint8_t *d, uint32_t from, uint32_t arcs) {
+inline __attribute__((always_inline)) uint64_t zel_convert_oid_len(const uint8_t *d, uint32_t from,
+                                                                   uint32_t arcs) {
   uint64_t total = arcs - from - 1;  // the dots after arcs from .. arcs - 2
   for (uint32_t i = from; i < arcs; ++i) {
     uint32_t arc = 0;
@@ -123,6 +124,17 @@ size_t zel_convert_oid_short_text(char *text, const uint8_t *d, uint32_t arcs) {
     *p++ = '.';
   }
   return static_cast<size_t>(p - text) - 1;  // no dot after the last arc
+}
+
+// The write call of a short identifier: made whole on the stack, then copied (cut to buf_len
+// characters) and terminated. Apart from the caller so that its stack frame is not the measure
+// call's.
+__attribute__((noinline)) int32_t zel_convert_oid_write_short(char *buf, uint32_t buf_len,
+                                                              const uint8_t *d, uint32_t arcs) {
+  char text[zel_convert_oid_short * (zel_convert_u32_max_digits + 1)];
+  const size_t n = zel_convert_oid_short_text(text, d, arcs);
+  zel_convert_emit(buf, buf_len, text, n);
+  return static_cast<int32_t>(n);
 }
 
 // Writes the dotted arcs, cut to buf_len characters and terminated; returns the full length.
@@ -228,10 +240,7 @@ int32_t zel_convert_stream_to_oid_str(char *buf, uint32_t buf_len, const zel_dat
     return 0;
   }
   if (write && arcs <= zel_convert_oid_short) {
-    char text[zel_convert_oid_short * (zel_convert_u32_max_digits + 1)];
-    const size_t n = zel_convert_oid_short_text(text, d, arcs);
-    zel_convert_emit(buf, buf_len, text, n);
-    return static_cast<int32_t>(n);
+    return zel_convert_oid_write_short(buf, buf_len, d, arcs);
   }
   const uint64_t total =
       write ? zel_convert_oid_write(buf, buf_len, d, arcs) : zel_convert_oid_len(d, 0, arcs);
