@@ -7,7 +7,7 @@
 // build can do), and BM_scanning_provider appends the same pieces through the exported
 // cfg_strcat from a provider outside the library, which finds the end of the text by scanning.
 // Compare time per string across N (linear growth: about 2x per doubling) and against the
-// baselines.
+// baselines: at exit "ratio:" lines give the library's rate over each baseline's.
 #include <benchmark/benchmark.h>
 #include <zel/config.h>
 
@@ -15,6 +15,8 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "ratio.h"
 
 namespace {
 
@@ -25,19 +27,28 @@ std::string oid80(int i, char c) {
   return s;
 }
 
-zel_util_config_t *make_config(int n) {
+// NULL (and the benchmark failed) when any step fails.
+zel_util_config_t *make_config(benchmark::State &state, int n) {
   zel_util_config_t *c = zel_util_config_create("loc1", "snmp");
-  for (int i = 0; i < n; ++i) {
-    zel_util_snmp_add_object(c, "objects", oid80(i, 'o').c_str());
-    zel_util_snmp_add_instance(c, "instances", ZEL_SNMP_INSTANCE_RANGE, oid80(i, 's').c_str(),
-                               oid80(i, 'e').c_str(), 0);
+  bool ok = c != nullptr;
+  for (int i = 0; ok && i < n; ++i) {
+    ok = zel_util_snmp_add_object(c, "objects", oid80(i, 'o').c_str()) == 0 &&
+         zel_util_snmp_add_instance(c, "instances", ZEL_SNMP_INSTANCE_RANGE, oid80(i, 's').c_str(),
+                                    oid80(i, 'e').c_str(), 0) == 0;
   }
-  zel_util_snmp_add_context(c, "ctxA");
+  ok = ok && zel_util_snmp_add_context(c, "ctxA") == 0;
+  char *probe = ok ? zel_util_config_string_get(c) : nullptr;
+  if (probe == nullptr) {
+    state.SkipWithError("building the configuration failed");
+    zel_util_config_destroy(c);
+    return nullptr;
+  }
   return c;
 }
 
 void BM_config_string_get(benchmark::State &state) {
-  zel_util_config_t *c = make_config(static_cast<int>(state.range(0)));
+  zel_util_config_t *c = make_config(state, static_cast<int>(state.range(0)));
+  if (c == nullptr) return;
   size_t len = 0;
   for (auto _ : state) {
     char *s = zel_util_config_string_get(c);
@@ -50,7 +61,8 @@ void BM_config_string_get(benchmark::State &state) {
 }
 
 void BM_copy_baseline(benchmark::State &state) {
-  zel_util_config_t *c = make_config(static_cast<int>(state.range(0)));
+  zel_util_config_t *c = make_config(state, static_cast<int>(state.range(0)));
+  if (c == nullptr) return;
   const std::string ready = zel_util_config_string_get(c);
   zel_util_config_destroy(c);
   char *prev = nullptr;
@@ -98,6 +110,11 @@ void BM_scanning_provider(benchmark::State &state) {
   part->pieces.push_back("/");
   part->pieces.push_back("ctxA");
   zel_util_config_t *c = zel_util_config_create("loc1", "snmp");
+  if (c == nullptr) {
+    state.SkipWithError("zel_util_config_create failed");
+    delete part;
+    return;
+  }
   c->prov_cfg = part;
   c->prov_cfg_free = scan_free;
   c->prov_cfg_strcat = scan_strcat;
@@ -116,4 +133,15 @@ void BM_scanning_provider(benchmark::State &state) {
 BENCHMARK(BM_config_string_get)->Arg(256)->Arg(512)->Arg(1024);
 BENCHMARK(BM_copy_baseline)->Arg(256)->Arg(512)->Arg(1024);
 BENCHMARK(BM_scanning_provider)->Arg(256)->Arg(512)->Arg(1024);
-BENCHMARK_MAIN();
+
+int main(int argc, char **argv) {
+  std::vector<zel_bench::Pair> pairs;
+  for (const char *n : {"256", "512", "1024"}) {
+    for (const char *peer : {"copy_baseline", "scanning_provider"}) {
+      pairs.push_back({std::string("string_get/") + n + " library/" + peer,
+                       std::string("BM_config_string_get/") + n,
+                       std::string("BM_") + peer + "/" + n});
+    }
+  }
+  return zel_bench::run(argc, argv, pairs);
+}

@@ -3,27 +3,37 @@
 //     (the textbook inter-thread queue);
 //   - Zmq: ZeroMQ inproc sockets (PUSH/PULL for throughput, PAIR for ping-pong), when the
 //     library is installed.
-// Throughput: P producer threads each malloc a message of S bytes, write it and enqueue it; the
-// consumer thread frees every message it receives (what a channel does). Ping-pong: one message
-// bounces between two threads; time per round trip. The dispatch manager rows also report the
-// system calls per message: eventfd writes (wakeups_per_msg) and blocking waits (sleeps_per_msg).
+// Throughput: P producer threads each allocate a message of S bytes on the heap, write it and
+// enqueue it; the consumer thread frees every message it receives (what a channel does). ZeroMQ
+// does the same work: zmq_msg_init_size (its heap block), the same write, zmq_msg_send, and on
+// the consumer zmq_msg_recv and zmq_msg_close (its free); no payload is copied. Every queue
+// holds at most kInFlight messages: the watched queue's length limit (a producer that meets it
+// yields and retries), the mutex queue's bound (a producer waits on a condition variable), and
+// ZeroMQ's SNDHWM + RCVHWM per pipe split over the producers (its send blocks). Sockets, queues
+// and threads other than the producers are set up outside the timed loop; the allocator keeps
+// its default settings. Ping-pong: one heap message of 64 bytes, allocated before the loop,
+// bounces between two threads on every side; time per round trip. The dispatch manager rows also
+// report the system calls per message: eventfd writes (wakeups_per_msg) and blocking waits
+// (sleeps_per_msg).
 //
-//   bench_dm --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
-//            --benchmark_enable_random_interleaving=true
-// and compare the median rows of the same shape (interleaving spreads the machine's noise over
-// all rows alike).
+// At exit "ratio:" lines compare the dispatch manager (without spinning, its default) with each
+// peer: messages per second for throughput (above 1: faster), time per round trip for
+// ping-pong (below 1: faster).
+//   scripts/bench.sh build/default/bench/bench_dm
 #include <benchmark/benchmark.h>
 #include <kro/dm.h>
-
-#include <malloc.h>
+#include <sched.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
+
+#include "ratio.h"
 
 #ifdef ZEL_BENCH_HAVE_ZMQ
 #include <zmq.h>
@@ -33,6 +43,7 @@ namespace {
 
 constexpr unsigned kBatch = 100000;  // messages per iteration, over all producers
 constexpr unsigned kRounds = 20000;  // round trips per ping-pong iteration
+constexpr uint32_t kInFlight = 256;  // messages a queue holds at most, on every side
 
 struct Msg {
   void *link;
@@ -94,7 +105,10 @@ void run_producers(int producers, Send &&send) {
 class DmLoop {
  public:
   DmLoop() {
-    kro_dm_create(&dm);
+    if (kro_dm_create(&dm) != KRO_DM_OK) {
+      dm = nullptr;
+      return;
+    }
     thread_ = std::thread([this] {
       while (!stop_.load(std::memory_order_acquire)) {
         kro_dm_wait(dm);
@@ -111,7 +125,9 @@ class DmLoop {
   }
   ~DmLoop() {
     stop();
-    kro_dm_destroy(&dm);
+    if (dm != nullptr) {
+      kro_dm_destroy(&dm);
+    }
   }
   kro_dm_t *dm = nullptr;
 
@@ -149,25 +165,44 @@ void BM_Throughput_Dm(benchmark::State &state) {
   DmSink sink;
   kro_dm_watched_queue_t *q = nullptr;
   DmLoop loop;
-  // No length limit in the way: a refused producer could only spin, which measures the
-  // scheduler rather than the queue (ZeroMQ's sender blocks at its high-water mark instead).
   kro_dm_watched_queue_attr_t attr;
   kro_dm_watched_queue_attr_init(&attr);
-  attr.max_len = KRO_DM_WATCHED_QUEUE_LEN_MAX;
-  kro_dm_watched_queue_create("bench", 1, &attr, &q);
-  kro_dm_set_spin(loop.dm, static_cast<uint32_t>(state.range(2)) * 1000u);
-  kro_dm_watched_queue_register(loop.dm, q, DmSink::handler, &sink);
+  attr.max_len = kInFlight;
+  if (loop.dm == nullptr || kro_dm_watched_queue_create("bench", 1, &attr, &q) != KRO_DM_OK) {
+    state.SkipWithError("kro_dm_create or kro_dm_watched_queue_create failed");
+    return;
+  }
+  if (kro_dm_set_spin(loop.dm, static_cast<uint32_t>(state.range(2)) * 1000u) != KRO_DM_OK ||
+      kro_dm_watched_queue_register(loop.dm, q, DmSink::handler, &sink) != KRO_DM_OK) {
+    state.SkipWithError("kro_dm_set_spin or kro_dm_watched_queue_register failed");
+    kro_dm_watched_queue_destroy(&q);
+    return;
+  }
   kro_dm_stats_t before{};
   kro_dm_stats_get(loop.dm, &before);
+  std::atomic<int> failed{0};
   for (auto _ : state) {
     sink.tally.expect_more(kBatch);
     run_producers(producers, [&](int, unsigned count) {
       for (unsigned i = 0; i < count; ++i) {
         void *m = make_msg(size);
-        kro_dm_watched_queue_enqueue(q, m);
+        int rc;
+        while ((rc = kro_dm_watched_queue_enqueue(q, m)) == KRO_DM_EAGAIN) {
+          sched_yield();  // the queue holds kInFlight: wait for the consumer
+        }
+        if (rc != KRO_DM_OK) {
+          free(m);
+          sink.tally.add(1);
+          failed.store(rc);
+        }
       }
     });
     sink.tally.wait();
+    if (failed.load() != 0) {
+      state.SkipWithError(
+          ("kro_dm_watched_queue_enqueue failed: " + std::to_string(failed.load())).c_str());
+      break;
+    }
   }
   report_syscalls(state, loop.dm, before, state.iterations() * kBatch);
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kBatch);
@@ -178,24 +213,32 @@ void BM_Throughput_Dm(benchmark::State &state) {
 
 // ---- Mutex + condition variable ---------------------------------------------------------------
 
+// Bounded: a producer waits while kInFlight messages are queued.
 class MutexQueue {
  public:
   void push(Msg *m) {
     {
-      std::lock_guard<std::mutex> lock(mu_);
+      std::unique_lock<std::mutex> lock(mu_);
+      not_full_.wait(lock, [this] { return len_ < kInFlight; });
       m->link = nullptr;
       (tail_ != nullptr ? tail_->link : head_) = m;
       tail_ = m;
+      ++len_;
     }
     cv_.notify_one();
   }
   // Takes everything queued, blocking while empty; NULL when stopped.
   Msg *take_all() {
-    std::unique_lock<std::mutex> lock(mu_);
-    cv_.wait(lock, [this] { return head_ != nullptr || stop_; });
-    Msg *all = static_cast<Msg *>(head_);
-    head_ = nullptr;
-    tail_ = nullptr;
+    Msg *all;
+    {
+      std::unique_lock<std::mutex> lock(mu_);
+      cv_.wait(lock, [this] { return head_ != nullptr || stop_; });
+      all = static_cast<Msg *>(head_);
+      head_ = nullptr;
+      tail_ = nullptr;
+      len_ = 0;
+    }
+    not_full_.notify_all();
     return all;
   }
   void stop() {
@@ -209,8 +252,10 @@ class MutexQueue {
  private:
   std::mutex mu_;
   std::condition_variable cv_;
+  std::condition_variable not_full_;
   void *head_ = nullptr;
   Msg *tail_ = nullptr;
+  uint32_t len_ = 0;
   bool stop_ = false;
 };
 
@@ -251,46 +296,78 @@ void BM_Throughput_Mutex(benchmark::State &state) {
 void BM_Throughput_Zmq(benchmark::State &state) {
   const int producers = static_cast<int>(state.range(0));
   const size_t size = static_cast<size_t>(state.range(1));
+  const int hwm = static_cast<int>(kInFlight) / (2 * producers);
   void *ctx = zmq_ctx_new();
-  void *pull = zmq_socket(ctx, ZMQ_PULL);
-  zmq_bind(pull, "inproc://thr");
-  Tally tally;
-  std::atomic<bool> stop{false};
-  std::thread consumer([&] {
-    std::vector<char> buf(size);
-    while (true) {
-      const int n = zmq_recv(pull, buf.data(), buf.size(), 0);
-      if (n <= 0 && stop.load(std::memory_order_acquire)) {
-        break;
+  void *pull = ctx != nullptr ? zmq_socket(ctx, ZMQ_PULL) : nullptr;
+  std::vector<void *> push(static_cast<size_t>(producers), nullptr);
+  bool ok = pull != nullptr && zmq_setsockopt(pull, ZMQ_RCVHWM, &hwm, sizeof hwm) == 0 &&
+            zmq_bind(pull, "inproc://thr") == 0;
+  for (void *&s : push) {
+    s = ok ? zmq_socket(ctx, ZMQ_PUSH) : nullptr;
+    ok = ok && s != nullptr && zmq_setsockopt(s, ZMQ_SNDHWM, &hwm, sizeof hwm) == 0 &&
+         zmq_connect(s, "inproc://thr") == 0;
+  }
+  if (!ok) {
+    state.SkipWithError("zmq_ctx_new, zmq_socket, zmq_setsockopt, zmq_bind or zmq_connect failed");
+    for (void *s : push) {
+      if (s != nullptr) {
+        zmq_close(s);
       }
-      tally.add(1);
+    }
+    if (pull != nullptr) {
+      zmq_close(pull);
+    }
+    if (ctx != nullptr) {
+      zmq_ctx_term(ctx);
+    }
+    return;
+  }
+  Tally tally;
+  std::thread consumer([&] {
+    for (;;) {
+      zmq_msg_t msg;
+      zmq_msg_init(&msg);
+      const int n = zmq_msg_recv(&msg, pull, 0);
+      zmq_msg_close(&msg);  // frees the producer's block
+      if (n == 0) {
+        return;  // the empty stop message
+      }
+      if (n > 0) {
+        tally.add(1);
+      }
     }
   });
+  std::atomic<bool> failed{false};
   for (auto _ : state) {
     tally.expect_more(kBatch);
-    std::vector<void *> push(static_cast<size_t>(producers));
-    for (void *&s : push) {
-      s = zmq_socket(ctx, ZMQ_PUSH);
-      zmq_connect(s, "inproc://thr");
-    }
     run_producers(producers, [&](int p, unsigned count) {
-      std::vector<char> buf(size, 0x5a);
       for (unsigned i = 0; i < count; ++i) {
-        zmq_send(push[static_cast<size_t>(p)], buf.data(), size, 0);
+        zmq_msg_t msg;
+        if (zmq_msg_init_size(&msg, size) != 0) {
+          failed.store(true);
+          tally.add(1);
+          continue;
+        }
+        memset(zmq_msg_data(&msg), 0x5a, size);
+        if (zmq_msg_send(&msg, push[static_cast<size_t>(p)], 0) < 0) {
+          zmq_msg_close(&msg);
+          failed.store(true);
+          tally.add(1);
+        }
       }
     });
     tally.wait();
-    for (void *s : push) {
-      zmq_close(s);
+    if (failed.load()) {
+      state.SkipWithError("zmq_msg_init_size or zmq_msg_send failed");
+      break;
     }
   }
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kBatch);
-  stop.store(true, std::memory_order_release);
-  void *last = zmq_socket(ctx, ZMQ_PUSH);
-  zmq_connect(last, "inproc://thr");
-  zmq_send(last, "", 0, 0);
+  zmq_send(push[0], "", 0, 0);
   consumer.join();
-  zmq_close(last);
+  for (void *s : push) {
+    zmq_close(s);
+  }
   zmq_close(pull);
   zmq_ctx_term(ctx);
 }
@@ -321,43 +398,60 @@ struct DmPong {
 
 void BM_PingPong_Dm(benchmark::State &state) {
   kro_dm_t *a = nullptr;
-  kro_dm_create(&a);
   const auto spin_ns = static_cast<uint32_t>(state.range(0)) * 1000u;
-  kro_dm_set_spin(a, spin_ns);
   kro_dm_watched_queue_t *qa = nullptr;
   kro_dm_watched_queue_t *qb = nullptr;
-  kro_dm_watched_queue_create("a", 1, nullptr, &qa);
-  kro_dm_watched_queue_create("b", 2, nullptr, &qb);
+  if (kro_dm_create(&a) != KRO_DM_OK) {
+    state.SkipWithError("kro_dm_create failed");
+    return;
+  }
+  if (kro_dm_set_spin(a, spin_ns) != KRO_DM_OK ||
+      kro_dm_watched_queue_create("a", 1, nullptr, &qa) != KRO_DM_OK ||
+      kro_dm_watched_queue_create("b", 2, nullptr, &qb) != KRO_DM_OK) {
+    state.SkipWithError("kro_dm_set_spin or kro_dm_watched_queue_create failed");
+    kro_dm_watched_queue_destroy(&qa);
+    kro_dm_destroy(&a);
+    return;
+  }
   DmPong pa;
   DmPong pb;
   pa.peer = qb;
   pb.peer = qa;
-  kro_dm_watched_queue_register(a, qa, DmPong::count, &pa);
-  Msg msg{};
+  void *msg = make_msg(64);  // one heap message, as on the other sides
   kro_dm_stats_t before_a{};
   kro_dm_stats_t before_b{};
   {
     DmLoop b;
-    kro_dm_set_spin(b.dm, spin_ns);
-    kro_dm_watched_queue_register(b.dm, qb, DmPong::echo, &pb);
+    if (b.dm == nullptr || kro_dm_set_spin(b.dm, spin_ns) != KRO_DM_OK ||
+        kro_dm_watched_queue_register(a, qa, DmPong::count, &pa) != KRO_DM_OK ||
+        kro_dm_watched_queue_register(b.dm, qb, DmPong::echo, &pb) != KRO_DM_OK) {
+      state.SkipWithError("kro_dm_create, kro_dm_set_spin or kro_dm_watched_queue_register failed");
+    }
     kro_dm_stats_get(a, &before_a);
-    kro_dm_stats_get(b.dm, &before_b);
+    if (b.dm != nullptr) {
+      kro_dm_stats_get(b.dm, &before_b);
+    }
     for (auto _ : state) {
       pa.left = kRounds;
-      kro_dm_watched_queue_enqueue(qb, &msg);
+      kro_dm_watched_queue_enqueue(qb, msg);
       while (pa.left != 0) {
         kro_dm_wait(a);
         kro_dm_dispatch(a);
       }
     }
-    kro_dm_stats_t after{};
-    kro_dm_stats_get(b.dm, &after);
-    const double trips = static_cast<double>(state.iterations()) * kRounds;
-    state.counters["wakeups_per_trip_b"] =
-        static_cast<double>(after.wakeups - before_b.wakeups) / trips;
+    if (!state.error_occurred()) {
+      kro_dm_stats_t after{};
+      kro_dm_stats_get(b.dm, &after);
+      const double trips = static_cast<double>(state.iterations()) * kRounds;
+      state.counters["wakeups_per_trip_b"] =
+          static_cast<double>(after.wakeups - before_b.wakeups) / trips;
+    }
     b.stop();
-    kro_dm_watched_queue_deregister(b.dm, qb);
+    if (b.dm != nullptr) {
+      kro_dm_watched_queue_deregister(b.dm, qb);
+    }
   }
+  free(msg);
   report_syscalls(state, a, before_a, state.iterations() * kRounds);
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kRounds);
   kro_dm_watched_queue_deregister(a, qa);
@@ -370,18 +464,20 @@ void BM_PingPong_Dm(benchmark::State &state) {
 struct Slot {
   std::mutex mu;
   std::condition_variable cv;
-  bool full = false;
-  void put() {
+  void *msg = nullptr;
+  void put(void *m) {
     {
       std::lock_guard<std::mutex> lock(mu);
-      full = true;
+      msg = m;
     }
     cv.notify_one();
   }
-  void take() {
+  void *take() {
     std::unique_lock<std::mutex> lock(mu);
-    cv.wait(lock, [this] { return full; });
-    full = false;
+    cv.wait(lock, [this] { return msg != nullptr; });
+    void *m = msg;
+    msg = nullptr;
+    return m;
   }
 };
 
@@ -391,49 +487,79 @@ void BM_PingPong_Mutex(benchmark::State &state) {
   std::atomic<bool> stop{false};
   std::thread b([&] {
     for (;;) {
-      to_b.take();
+      void *m = to_b.take();
       if (stop.load(std::memory_order_acquire)) {
         return;
       }
-      to_a.put();
+      to_a.put(m);
     }
   });
+  void *msg = make_msg(64);  // one heap message, as on the other sides
   for (auto _ : state) {
     for (unsigned i = 0; i < kRounds; ++i) {
-      to_b.put();
-      to_a.take();
+      to_b.put(msg);
+      msg = to_a.take();
     }
   }
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kRounds);
   stop.store(true, std::memory_order_release);
-  to_b.put();
+  to_b.put(msg);
   b.join();
+  free(msg);
 }
 
 #ifdef ZEL_BENCH_HAVE_ZMQ
+// The same 64-byte heap message (zmq_msg_init_size) goes back and forth, moved, not copied.
 void BM_PingPong_Zmq(benchmark::State &state) {
   void *ctx = zmq_ctx_new();
-  void *a = zmq_socket(ctx, ZMQ_PAIR);
-  zmq_bind(a, "inproc://pingpong");
-  std::thread b([ctx] {
-    void *s = zmq_socket(ctx, ZMQ_PAIR);
-    zmq_connect(s, "inproc://pingpong");
-    char buf[64];
-    while (zmq_recv(s, buf, sizeof buf, 0) > 0) {
-      zmq_send(s, buf, 64, 0);
+  void *a = ctx != nullptr ? zmq_socket(ctx, ZMQ_PAIR) : nullptr;
+  void *bs = ctx != nullptr ? zmq_socket(ctx, ZMQ_PAIR) : nullptr;
+  if (a == nullptr || bs == nullptr || zmq_bind(a, "inproc://pingpong") != 0 ||
+      zmq_connect(bs, "inproc://pingpong") != 0) {
+    state.SkipWithError("zmq_ctx_new, zmq_socket, zmq_bind or zmq_connect failed");
+    if (a != nullptr) {
+      zmq_close(a);
     }
-    zmq_close(s);
+    if (bs != nullptr) {
+      zmq_close(bs);
+    }
+    if (ctx != nullptr) {
+      zmq_ctx_term(ctx);
+    }
+    return;
+  }
+  std::thread b([bs] {
+    for (;;) {
+      zmq_msg_t m;
+      zmq_msg_init(&m);
+      const int n = zmq_msg_recv(&m, bs, 0);
+      if (n <= 0 || zmq_msg_send(&m, bs, 0) < 0) {
+        zmq_msg_close(&m);
+      }
+      if (n == 0) {
+        return;
+      }
+    }
   });
-  char buf[64] = {1};
-  for (auto _ : state) {
-    for (unsigned i = 0; i < kRounds; ++i) {
-      zmq_send(a, buf, sizeof buf, 0);
-      zmq_recv(a, buf, sizeof buf, 0);
+  zmq_msg_t msg;
+  if (zmq_msg_init_size(&msg, 64) != 0) {
+    state.SkipWithError("zmq_msg_init_size failed");
+  } else {
+    memset(zmq_msg_data(&msg), 0x5a, 64);
+    for (auto _ : state) {
+      for (unsigned i = 0; i < kRounds; ++i) {
+        if (zmq_msg_send(&msg, a, 0) < 0 || zmq_msg_recv(&msg, a, 0) < 0) {
+          state.SkipWithError("zmq_msg_send or zmq_msg_recv failed");
+          break;
+        }
+      }
     }
+    zmq_msg_close(&msg);
   }
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kRounds);
   zmq_send(a, "", 0, 0);
   b.join();
+  zmq_close(bs);
   zmq_close(a);
   zmq_ctx_term(ctx);
 }
@@ -480,16 +606,24 @@ BENCHMARK(BM_PingPong_Mutex)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PingPong_Zmq)->UseRealTime()->Unit(benchmark::kMillisecond);
 #endif
 
-// glibc gives freed memory at the top of the heap back to the system (and faults it in again)
-// when a producer runs far ahead of its consumer; that page-fault traffic would swamp what the
-// rows compare, so trimming is switched off for every row alike.
 int main(int argc, char **argv) {
-  mallopt(M_TRIM_THRESHOLD, 1 << 30);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-    return 1;
+  std::vector<zel_bench::Pair> pairs;
+  for (const char *producers : {"1", "4"}) {
+    for (const char *bytes : {"64", "1024"}) {
+      const std::string shape = std::string("/producers:") + producers + "/bytes:" + bytes;
+      const std::string dm = "BM_Throughput_Dm" + shape + "/spin_us:0/real_time";
+      const std::string label = std::string("throughput ") + producers + "->1 " + bytes + "B dm/";
+      pairs.push_back({label + "mutex", dm, "BM_Throughput_Mutex" + shape + "/real_time"});
+#ifdef ZEL_BENCH_HAVE_ZMQ
+      pairs.push_back({label + "zmq", dm, "BM_Throughput_Zmq" + shape + "/real_time"});
+#endif
+    }
   }
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  pairs.push_back({"ping-pong 64B dm/mutex", "BM_PingPong_Dm/spin_us:0/real_time",
+                   "BM_PingPong_Mutex/real_time", zel_bench::Kind::kTime});
+#ifdef ZEL_BENCH_HAVE_ZMQ
+  pairs.push_back({"ping-pong 64B dm/zmq", "BM_PingPong_Dm/spin_us:0/real_time",
+                   "BM_PingPong_Zmq/real_time", zel_bench::Kind::kTime});
+#endif
+  return zel_bench::run(argc, argv, pairs);
 }

@@ -3,7 +3,8 @@
 // std::unordered_map keyed by id (for lookups) and by name (for binding and releasing).
 // Compare medians: lookup at 10,000 names against lookup at 100 (flatness, with and without
 // the cache misses of a large table), and each operation against its baseline at the same
-// size.
+// size: at exit "ratio:" lines give each operation's rate over its baseline's.
+//   scripts/bench.sh build/default/bench/bench_name_service
 #include <zel/name_service.h>
 
 #include <benchmark/benchmark.h>
@@ -17,6 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ratio.h"
+
 namespace {
 
 constexpr int kShared = 3;
@@ -26,8 +29,12 @@ struct Fixture {
   std::vector<std::string> names;
   std::vector<uint32_t> handles;  // every binding, shuffled
   char object = 0;
+  bool ok = false;  // the service was made and every binding taken
 
   explicit Fixture(int n) {
+    if (svc == nullptr) {
+      return;
+    }
     names.reserve(n + 1);
     for (int i = 0; i < n; ++i) {
       names.push_back("channel/" + std::to_string(i));
@@ -37,11 +44,15 @@ struct Fixture {
       for (int s = 0; s <= kShared; ++s) {
         uint32_t h = 0;
         lib_name_service_entry_t *e = lib_name_service_insert(svc, &h, names[i].c_str(), s == 0);
+        if (e == nullptr) {
+          return;
+        }
         e->slots->data[lib_name_service_handle_slot(h)] = &object;
         handles.push_back(h);
       }
     }
     std::shuffle(handles.begin(), handles.end(), std::mt19937(1));
+    ok = true;
   }
   // The service has no destroy operation: the benchmark process keeps it (and its names) to
   // the end, so each fixture is built once per size.
@@ -65,6 +76,10 @@ void *lookup(lib_name_service_t *svc, uint32_t h) {
 
 void BM_Lookup(benchmark::State &state) {
   Fixture &f = Fixture::get(static_cast<int>(state.range(0)));
+  if (!f.ok) {
+    state.SkipWithError("lib_name_service_create or lib_name_service_insert failed");
+    return;
+  }
   size_t i = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(lookup(f.svc, f.handles[i]));
@@ -76,6 +91,10 @@ void BM_Lookup(benchmark::State &state) {
 // the hash chains alone, without the cache misses of a large table.
 void BM_LookupCached(benchmark::State &state) {
   Fixture &f = Fixture::get(static_cast<int>(state.range(0)));
+  if (!f.ok) {
+    state.SkipWithError("lib_name_service_create or lib_name_service_insert failed");
+    return;
+  }
   size_t i = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(lookup(f.svc, f.handles[i]));
@@ -85,6 +104,10 @@ void BM_LookupCached(benchmark::State &state) {
 
 void BM_LookupBaseline(benchmark::State &state) {
   Fixture &f = Fixture::get(static_cast<int>(state.range(0)));
+  if (!f.ok) {
+    state.SkipWithError("lib_name_service_create or lib_name_service_insert failed");
+    return;
+  }
   std::unordered_map<uint32_t, lib_name_service_entry_t *> by_id;
   for (uint32_t h : f.handles) {
     by_id[lib_name_service_handle_id(h)] = reinterpret_cast<lib_name_service_entry_t *>(
@@ -104,11 +127,19 @@ void BM_LookupBaseline(benchmark::State &state) {
 // A shared binding of a bound name, its slot store and its release.
 void BM_BindReleaseShared(benchmark::State &state) {
   Fixture &f = Fixture::get(static_cast<int>(state.range(0)));
+  if (!f.ok) {
+    state.SkipWithError("lib_name_service_create or lib_name_service_insert failed");
+    return;
+  }
   const size_t n = f.names.size() - 1;
   size_t i = 0;
   for (auto _ : state) {
     uint32_t h = 0;
     lib_name_service_entry_t *e = lib_name_service_insert(f.svc, &h, f.names[i].c_str(), 0);
+    if (e == nullptr) {
+      state.SkipWithError("lib_name_service_insert failed");
+      break;
+    }
     e->slots->data[lib_name_service_handle_slot(h)] = &f.object;
     benchmark::DoNotOptimize(lib_name_service_remove(f.svc, h));
     i = i + 1 == n ? 0 : i + 1;
@@ -118,11 +149,19 @@ void BM_BindReleaseShared(benchmark::State &state) {
 // A name bound and released whole: its entry and slot array are made and freed each time.
 void BM_BindReleaseName(benchmark::State &state) {
   Fixture &f = Fixture::get(static_cast<int>(state.range(0)));
+  if (!f.ok) {
+    state.SkipWithError("lib_name_service_create or lib_name_service_insert failed");
+    return;
+  }
   const char *name = f.names.back().c_str();
   const uint32_t first_id = f.svc->next_id;
   for (auto _ : state) {
     uint32_t h = 0;
     lib_name_service_entry_t *e = lib_name_service_insert(f.svc, &h, name, 1);
+    if (e == nullptr) {
+      state.SkipWithError("lib_name_service_insert failed");
+      break;
+    }
     e->slots->data[0] = &f.object;
     benchmark::DoNotOptimize(lib_name_service_remove(f.svc, h));
     if (f.svc->next_id > LIB_NAME_SERVICE_MAX_ID) {
@@ -134,6 +173,10 @@ void BM_BindReleaseName(benchmark::State &state) {
 // Baseline for both bind-and-release benchmarks: a name-keyed map entry made and erased.
 void BM_BindReleaseBaseline(benchmark::State &state) {
   Fixture &f = Fixture::get(static_cast<int>(state.range(0)));
+  if (!f.ok) {
+    state.SkipWithError("lib_name_service_create or lib_name_service_insert failed");
+    return;
+  }
   std::unordered_map<std::string_view, void *> by_name;
   for (size_t k = 0; k + 1 < f.names.size(); ++k) {
     by_name.emplace(f.names[k], &f.object);
@@ -154,4 +197,17 @@ BENCHMARK(BM_BindReleaseBaseline)->Arg(100)->Arg(10000);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv) {
+  std::vector<zel_bench::Pair> pairs;
+  for (const char *n : {"100", "10000"}) {
+    const std::string at = std::string("/") + n;
+    pairs.push_back({"lookup" + at + " service/map", "BM_Lookup" + at, "BM_LookupBaseline" + at});
+    pairs.push_back(
+        {"lookup cached" + at + " service/map", "BM_LookupCached" + at, "BM_LookupBaseline" + at});
+    pairs.push_back({"bind+release shared" + at + " service/map", "BM_BindReleaseShared" + at,
+                     "BM_BindReleaseBaseline" + at});
+    pairs.push_back({"bind+release name" + at + " service/map", "BM_BindReleaseName" + at,
+                     "BM_BindReleaseBaseline" + at});
+  }
+  return zel_bench::run(argc, argv, pairs);
+}

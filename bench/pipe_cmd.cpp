@@ -2,10 +2,11 @@
 //   - start /bin/true and collect its result, the caller holding 0 or 512 MiB of touched heap
 //     (fork copies the caller's page tables, so its cost grows with the caller's memory);
 //   - 100 MiB of 80-byte lines (79 characters and a line feed) from a child to the callback.
-// A posix_spawn runner (vfork-like start, no piece splitting) is measured as a reference for
-// what a cheaper start would gain. The lines come from this program itself, started with
-// --generate BYTES. Times are wall-clock (the child's work is not the caller's CPU time).
-//   bench_pipe_cmd --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+// and next to a posix_spawn runner (a vfork-like start) that reads the same pieces with fgets
+// into the same callback. The lines come from this program itself, started with --generate
+// BYTES. Times are wall-clock (the child's work is not the caller's CPU time). At exit "ratio:"
+// lines give the runner's rate over each baseline's (above 1: the runner is faster).
+//   scripts/bench.sh build/default/bench/bench_pipe_cmd
 #include <zel/pipe_cmd.h>
 
 #include <benchmark/benchmark.h>
@@ -19,6 +20,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
+
+#include "ratio.h"
 
 extern char **environ;
 
@@ -63,27 +67,39 @@ uint32_t bench_popen(const std::string &command, Tally *t) {
   return pclose(f) == 0 ? 0 : 3;
 }
 
-// posix_spawn with the pipe as standard output, read in 64 KiB blocks (no pieces).
+// posix_spawn with the pipe as standard output, read as a stream in pieces with fgets, as the
+// runner and popen read.
 uint32_t bench_spawn(const char *path, char *const argv[], Tally *t) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return 1;
   posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+  if (posix_spawn_file_actions_init(&actions) != 0) {
+    close(fds[0]);
+    close(fds[1]);
+    return 1;
+  }
   pid_t pid = 0;
-  const int rc = posix_spawn(&pid, path, &actions, nullptr, argv, environ);
+  int rc = posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+  if (rc == 0) rc = posix_spawn(&pid, path, &actions, nullptr, argv, environ);
   posix_spawn_file_actions_destroy(&actions);
   close(fds[1]);
   if (rc != 0) {
     close(fds[0]);
     return 3;
   }
-  static thread_local char block[65536];
-  for (ssize_t n; (n = read(fds[0], block, sizeof block)) > 0;) t->bytes += n;
-  close(fds[0]);
+  FILE *f = fdopen(fds[0], "r");
+  if (f == nullptr) {
+    close(fds[0]);
+    waitpid(pid, nullptr, 0);
+    return 1;
+  }
+  char piece[ZEL_PIPE_CMD_PIECE_SIZE];
+  while (fgets(piece, sizeof piece, f) != nullptr) bench_count(piece, t);
+  const bool read_error = ferror(f) != 0;
+  fclose(f);
   int status = 0;
-  waitpid(pid, &status, 0);
-  return status == 0 ? 0 : 3;
+  if (waitpid(pid, &status, 0) < 0 || status != 0) return 3;
+  return read_error ? 2 : 0;
 }
 
 // Touched heap held by the caller while a start benchmark runs.
@@ -174,9 +190,18 @@ int main(int argc, char **argv) {
   const ssize_t n = readlink("/proc/self/exe", bench_self, sizeof bench_self - 1);
   if (n <= 0) return 1;
   bench_self[n] = '\0';
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  std::vector<zel_bench::Pair> pairs;
+  for (const char *held : {"0", "512"}) {
+    for (const char *peer : {"Popen", "Spawn"}) {
+      pairs.push_back({std::string("start /bin/true, ") + held + " MiB held, pipe_cmd/" + peer,
+                       std::string("BM_PipeCmd_True/") + held + "/real_time",
+                       std::string("BM_") + peer + "_True/" + held + "/real_time"});
+    }
+  }
+  for (const char *peer : {"Popen", "Spawn"}) {
+    pairs.push_back({std::string("100 MiB of lines, pipe_cmd/") + peer,
+                     "BM_PipeCmd_Lines/iterations:3/real_time",
+                     std::string("BM_") + peer + "_Lines/iterations:3/real_time"});
+  }
+  return zel_bench::run(argc, argv, pairs);
 }

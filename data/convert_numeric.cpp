@@ -18,36 +18,8 @@ using namespace zel_convert;
 
 // Characters of the dotted quad form: two quotes and three dots around the digits.
 constexpr size_t zel_convert_ipv4_frame = 5;
-// Longest dotted quad: "255.255.255.255" in quotes.
-constexpr size_t zel_convert_ipv4_max = zel_convert_ipv4_frame + size_t{4} * 3;
-
-// Decimal digits of every byte value, as "%d" writes it.
-struct zel_convert_dec_table {
-  char digits[256][3];
-  uint8_t count[256];
-};
-
-constexpr zel_convert_dec_table zel_convert_make_dec_table() {
-  zel_convert_dec_table t{};
-  for (unsigned b = 0; b < 256; ++b) {
-    if (b >= 100) {
-      t.digits[b][0] = static_cast<char>('0' + b / 100);
-      t.digits[b][1] = static_cast<char>('0' + b / 10 % 10);
-      t.digits[b][2] = static_cast<char>('0' + b % 10);
-      t.count[b] = 3;
-    } else if (b >= 10) {
-      t.digits[b][0] = static_cast<char>('0' + b / 10);
-      t.digits[b][1] = static_cast<char>('0' + b % 10);
-      t.count[b] = 2;
-    } else {
-      t.digits[b][0] = static_cast<char>('0' + b);
-      t.count[b] = 1;
-    }
-  }
-  return t;
-}
-
-constexpr zel_convert_dec_table zel_convert_dec = zel_convert_make_dec_table();
+// Longest dotted quad: "255.255.255.255" in quotes; one more for the last row copied whole.
+constexpr size_t zel_convert_ipv4_max = zel_convert_ipv4_frame + size_t{4} * 3 + 1;
 
 // Copies the first min(n, buf_len) characters of a text and terminates them.
 void zel_convert_emit(char *buf, uint32_t buf_len, const char *text, size_t n) {
@@ -62,19 +34,33 @@ size_t zel_convert_ipv4(char *out, const uint8_t *d) {
   char *p = out;
   *p++ = '"';
   for (unsigned i = 0; i < 4; ++i) {
-    const uint8_t b = d[i];
-    // The whole 3-byte row is copied; the characters past `count` are overwritten next.
-    memcpy(p, zel_convert_dec.digits[b], 3);
-    p += zel_convert_dec.count[b];
+    p = zel_convert_put_dec_u8(p, d[i]);
     *p++ = i < 3 ? '.' : '"';
   }
   return static_cast<size_t>(p - out);
 }
 
+// Writes the quoted dotted quad and its terminator straight into a buffer that holds them. The
+// first three numbers are copied as whole 4-byte rows (what runs past their digits is
+// overwritten by the text after them, at least four characters); the last one as three bytes,
+// whose overrun the closing quote and the terminator cover.
+void zel_convert_ipv4_direct(char *buf, const uint8_t *d) {
+  char *p = buf;
+  *p++ = '"';
+  for (unsigned i = 0; i < 3; ++i) {
+    p = zel_convert_put_dec_u8(p, d[i]);
+    *p++ = '.';
+  }
+  memcpy(p, zel_convert_digits.row[d[3]].dec, 3);
+  p += zel_convert_dec_len_u8(d[3]);
+  p[0] = '"';
+  p[1] = '\0';
+}
+
 // Length of the quoted dotted quad of four bytes.
 size_t zel_convert_ipv4_len(const uint8_t *d) {
-  return zel_convert_ipv4_frame + zel_convert_dec.count[d[0]] + zel_convert_dec.count[d[1]] +
-         zel_convert_dec.count[d[2]] + zel_convert_dec.count[d[3]];
+  return zel_convert_ipv4_frame + zel_convert_dec_len_u8(d[0]) + zel_convert_dec_len_u8(d[1]) +
+         zel_convert_dec_len_u8(d[2]) + zel_convert_dec_len_u8(d[3]);
 }
 
 // Quoted hexadecimal groups of `groups` byte pairs (at least one) when the whole text fits.
@@ -113,7 +99,8 @@ void zel_convert_hex_groups_cut(char *buf, uint32_t buf_len, const uint8_t *d, u
 }
 
 // Length of the dotted arcs from arc `from` on (each arc's digits and the dots between arcs).
-uint64_t zel_convert_oid_len(const uint8_t *d, uint32_t from, uint32_t arcs) {
+inline __attribute__((always_inline)) uint64_t zel_convert_oid_len(const uint8_t *d, uint32_t from,
+                                                                   uint32_t arcs) {
   uint64_t total = arcs - from - 1;  // the dots after arcs from .. arcs - 2
   for (uint32_t i = from; i < arcs; ++i) {
     uint32_t arc = 0;
@@ -121,6 +108,33 @@ uint64_t zel_convert_oid_len(const uint8_t *d, uint32_t from, uint32_t arcs) {
     total += zel_convert_digits_u32(arc);
   }
   return total;
+}
+
+// Object identifiers of up to this many arcs (nearly all) are made whole on the stack, without
+// a room check per arc, and then copied.
+constexpr uint32_t zel_convert_oid_short = 64;
+
+// Writes the dotted arcs into text (room for arcs * 11 characters); returns their length.
+size_t zel_convert_oid_short_text(char *text, const uint8_t *d, uint32_t arcs) {
+  char *p = text;
+  for (uint32_t i = 0; i < arcs; ++i) {
+    uint32_t arc = 0;
+    memcpy(&arc, d + 4 * static_cast<size_t>(i), sizeof arc);
+    p = zel_convert_put_u32(p, arc);
+    *p++ = '.';
+  }
+  return static_cast<size_t>(p - text) - 1;  // no dot after the last arc
+}
+
+// The write call of a short identifier: made whole on the stack, then copied (cut to buf_len
+// characters) and terminated. Apart from the caller so that its stack frame is not the measure
+// call's.
+__attribute__((noinline)) int32_t zel_convert_oid_write_short(char *buf, uint32_t buf_len,
+                                                              const uint8_t *d, uint32_t arcs) {
+  char text[zel_convert_oid_short * (zel_convert_u32_max_digits + 1)];
+  const size_t n = zel_convert_oid_short_text(text, d, arcs);
+  zel_convert_emit(buf, buf_len, text, n);
+  return static_cast<int32_t>(n);
 }
 
 // Writes the dotted arcs, cut to buf_len characters and terminated; returns the full length.
@@ -180,11 +194,16 @@ int32_t zel_convert_stream_to_ip_addr_str(char *buf, uint32_t buf_len,
   const uint8_t *d = value->data;
   const uint32_t len = d != nullptr ? value->len : 0;
   if (len == 4) {
+    const size_t n = zel_convert_ipv4_len(d);
     if (!write) {
-      return static_cast<int32_t>(zel_convert_ipv4_len(d));
+      return static_cast<int32_t>(n);
+    }
+    if (n <= buf_len) {
+      zel_convert_ipv4_direct(buf, d);
+      return static_cast<int32_t>(n);
     }
     char text[zel_convert_ipv4_max];
-    const size_t n = zel_convert_ipv4(text, d);
+    zel_convert_ipv4(text, d);
     zel_convert_emit(buf, buf_len, text, n);
     return static_cast<int32_t>(n);
   }
@@ -219,6 +238,9 @@ int32_t zel_convert_stream_to_oid_str(char *buf, uint32_t buf_len, const zel_dat
       buf[0] = '\0';
     }
     return 0;
+  }
+  if (write && arcs <= zel_convert_oid_short) {
+    return zel_convert_oid_write_short(buf, buf_len, d, arcs);
   }
   const uint64_t total =
       write ? zel_convert_oid_write(buf, buf_len, d, arcs) : zel_convert_oid_len(d, 0, arcs);

@@ -7,8 +7,12 @@
 // text is the same.
 #include <zel/convert.h>
 
+#include <bit>
 #include <cctype>
 #include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "data/convert_internal.h"
 
@@ -61,11 +65,11 @@ struct zel_convert_octets_class {
   uint32_t extra;  // backslashes the text form adds
 };
 
-zel_convert_octets_class zel_convert_octets_scan(const uint8_t *d, uint32_t n) {
+// One byte at a time, from byte i on.
+zel_convert_octets_class zel_convert_octets_scan_from(const uint8_t *d, uint32_t i, uint32_t n,
+                                                      uint32_t extra, unsigned roles) {
   const zel_convert_text_class is_text;
-  uint32_t extra = 0;
-  unsigned roles = 0;
-  for (uint32_t i = 0; i < n; ++i) {
+  for (; i < n; ++i) {
     const uint8_t c = d[i];
     if (!is_text(c)) {
       return {false, false, 0};
@@ -76,6 +80,56 @@ zel_convert_octets_class zel_convert_octets_scan(const uint8_t *d, uint32_t n) {
   }
   return {true, (roles & zel_convert_quoting) != 0, extra};
 }
+
+#if defined(__SSE2__)
+// Sixteen bytes at a time. Every locale puts the portable characters 0x20 to 0x7E in the print
+// class and tab, line feed, vertical tab, form feed and carriage return (0x09 to 0x0D) in the
+// space class, so bytes in those ranges are text without a look at the locale; only the others
+// are looked up. The special bytes are all in those ranges and are found by comparison.
+zel_convert_octets_class zel_convert_octets_scan(const uint8_t *d, uint32_t n) {
+  const zel_convert_text_class is_text;
+  const __m128i above_1f = _mm_set1_epi8(0x1F);
+  const __m128i below_7f = _mm_set1_epi8(0x7F);
+  const __m128i above_08 = _mm_set1_epi8(0x08);
+  const __m128i below_0e = _mm_set1_epi8(0x0E);
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  const __m128i line_feed = _mm_set1_epi8('\n');
+  const __m128i comma = _mm_set1_epi8(',');
+  if (!is_text(d[0])) {
+    return {false, false, 0};  // binary values mostly show it at once
+  }
+  uint32_t extra = 0;
+  unsigned quoting = 0;
+  uint32_t i = 0;
+  for (; n - i >= 16; i += 16) {
+    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(d + i));
+    // Signed comparisons: bytes from 0x80 up are negative and fall outside both ranges.
+    const __m128i printable =
+        _mm_and_si128(_mm_cmpgt_epi8(v, above_1f), _mm_cmplt_epi8(v, below_7f));
+    const __m128i spaces = _mm_and_si128(_mm_cmpgt_epi8(v, above_08), _mm_cmplt_epi8(v, below_0e));
+    for (unsigned other =
+             ~static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(printable, spaces))) & 0xFFFFu;
+         other != 0; other &= other - 1) {
+      if (!is_text(d[i + static_cast<unsigned>(std::countr_zero(other))])) {
+        return {false, false, 0};
+      }
+    }
+    const __m128i is_quote = _mm_cmpeq_epi8(v, quote);
+    const __m128i escaped = _mm_or_si128(is_quote, _mm_cmpeq_epi8(v, backslash));
+    const __m128i quotes = _mm_or_si128(
+        is_quote, _mm_or_si128(_mm_cmpeq_epi8(v, line_feed), _mm_cmpeq_epi8(v, comma)));
+    extra +=
+        static_cast<uint32_t>(std::popcount(static_cast<unsigned>(_mm_movemask_epi8(escaped))));
+    quoting |= static_cast<unsigned>(_mm_movemask_epi8(quotes));
+  }
+  return zel_convert_octets_scan_from(d, i, n, extra, quoting != 0 ? zel_convert_quoting : 0u);
+}
+#else
+zel_convert_octets_class zel_convert_octets_scan(const uint8_t *d, uint32_t n) {
+  return zel_convert_octets_scan_from(d, 0, n, 0, 0);
+}
+#endif
 
 // Length of the text form.
 uint32_t zel_convert_text_len(const zel_convert_octets_class &cls, uint32_t n) {
@@ -130,16 +184,40 @@ void zel_convert_text_write_cut(char *buf, size_t room, const uint8_t *d, uint32
   }
 }
 
-// The hex form when it fits: 3 * n + 1 characters, no terminator.
+// The hex form when it fits: 3 * n + 1 characters, no terminator. On little-endian targets
+// every further two bytes are one 8-byte store of ':', two digits, ':', two digits and two
+// bytes that the next store overwrites; the last one or two bytes are one 4-byte store each,
+// whose extra byte the next store or the closing quote overwrites.
 void zel_convert_hex_write(char *buf, const uint8_t *d, uint32_t n) {
   char *p = buf;
   *p = '"';
   zel_convert_put_hex(p + 1, d[0]);
   p += 3;
-  for (uint32_t i = 1; i < n; ++i) {
-    *p = ':';
-    zel_convert_put_hex(p + 1, d[i]);
-    p += 3;
+  if constexpr (std::endian::native == std::endian::little) {
+    uint32_t i = 1;
+    for (; n - i >= 3; i += 2) {  // two bytes, one 8-byte store, at least one more byte after
+      uint16_t a = 0;
+      uint16_t b = 0;
+      memcpy(&a, zel_convert_digits.row[d[i]].hex, 2);
+      memcpy(&b, zel_convert_digits.row[d[i + 1]].hex, 2);
+      const uint64_t piece =
+          uint64_t{':'} | uint64_t{a} << 8 | uint64_t{':'} << 24 | uint64_t{b} << 32;
+      memcpy(p, &piece, 8);
+      p += 6;
+    }
+    for (; i < n; ++i) {
+      uint16_t a = 0;
+      memcpy(&a, zel_convert_digits.row[d[i]].hex, 2);
+      const uint32_t piece = static_cast<uint32_t>(':') | static_cast<uint32_t>(a) << 8;
+      memcpy(p, &piece, 4);
+      p += 3;
+    }
+  } else {
+    for (uint32_t i = 1; i < n; ++i) {
+      *p = ':';
+      zel_convert_put_hex(p + 1, d[i]);
+      p += 3;
+    }
   }
   *p = '"';
 }

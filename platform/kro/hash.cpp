@@ -16,13 +16,13 @@ constexpr uint64_t kro_hash_k2 = 0xBF58476D1CE4E5B9ULL;
 constexpr uint64_t kro_hash_k3 = 0x94D049BB133111EBULL;
 
 inline uint64_t kro_hash_load64(const unsigned char *p) {
-  uint64_t v;
+  uint64_t v = 0;
   memcpy(&v, p, sizeof v);
   return v;
 }
 
 inline uint64_t kro_hash_load32(const unsigned char *p) {
-  uint32_t v;
+  uint32_t v = 0;
   memcpy(&v, p, sizeof v);
   return v;
 }
@@ -62,11 +62,11 @@ inline uint32_t kro_hash_final(uint64_t h) {
 
 extern "C" uint32_t kro_hash_calculate(const void *data, size_t len) {
   const auto *p = static_cast<const unsigned char *>(data);
+  if (len == 4 && p != nullptr) {  // the common id key, straight through
+    return kro_hash_final(kro_hash_load32(p) ^ kro_hash_k1 ^ 4);
+  }
   if (p == nullptr) {
     len = 0;
-  }
-  if (len == 4) {  // the common id key, straight through
-    return kro_hash_final(kro_hash_load32(p) ^ kro_hash_k1 ^ 4);
   }
   uint64_t seed = kro_hash_k1 ^ static_cast<uint64_t>(len);
   if (len <= 8) {
@@ -80,8 +80,8 @@ extern "C" uint32_t kro_hash_calculate(const void *data, size_t len) {
     // The length goes in through the multiply: xored into w it could cancel a byte.
     return kro_hash_final(kro_hash_mix(w ^ kro_hash_k2, seed ^ kro_hash_k3));
   }
-  uint64_t a;
-  uint64_t b;
+  uint64_t a = 0;
+  uint64_t b = 0;
   if (len > 16) {
     while (len > 16) {
       seed = kro_hash_mix(kro_hash_load64(p) ^ kro_hash_k2, kro_hash_load64(p + 8) ^ seed);

@@ -255,6 +255,54 @@ TEST(ConvertOctets, TextAndHexFormsCutAtEveryLength) {
   }
 }
 
+// Long values, read sixteen bytes at a time: every byte value, at the start, the end and the
+// middle of a block and in the tail after the last whole block, among text with the special
+// bytes in every block. Each gives the text form (escaped, quoted when a special byte asks for
+// it) exactly when every byte is text in the C locale, and the hex form otherwise.
+TEST(ConvertOctets, LongValuesEveryByteAtEveryBlockPosition) {
+  const std::string base = "ab,c\\de\"fghijklmnopqrst\nuvwxyz0123456789ABCDEFGHIJ";  // 50 bytes
+  auto expected = [](const std::string &bytes) {
+    bool text = true;
+    bool quoted = false;
+    for (unsigned char c : bytes) {
+      text = text && (isprint(c) != 0 || isspace(c) != 0);
+      quoted = quoted || c == '"' || c == '\n' || c == ',';
+    }
+    std::string out;
+    if (!text) {
+      for (unsigned char c : bytes) {
+        char hex[4];
+        snprintf(hex, sizeof hex, "%c%02x", out.empty() ? '"' : ':', c);
+        out += hex;
+      }
+      return out + '"';
+    }
+    for (unsigned char c : bytes) {
+      out += c == '"' || c == '\\' ? std::string("\\") + static_cast<char>(c)
+                                   : std::string(1, static_cast<char>(c));
+    }
+    return quoted ? '"' + out + '"' : out;
+  };
+  for (size_t at : {0, 7, 15, 16, 31, 32, 47, 48, 49}) {
+    for (int c = 0; c < 256; ++c) {
+      std::string bytes = base;
+      bytes[at] = static_cast<char>(c);
+      const std::string want = expected(bytes);
+      const zel_data_value_t value{0, 0, reinterpret_cast<uint8_t *>(bytes.data())};
+      const auto n = static_cast<uint32_t>(bytes.size());
+      const uint32_t len = zel_convert_stream_to_ascii_or_hex_len(&value, n);
+      std::string buf(len + 1, '\0');
+      const uint32_t k = zel_convert_stream_to_ascii_or_hex(buf.data(), len, &value, n);
+      ASSERT_EQ(buf.substr(0, k), want) << "byte " << c << " at " << at;
+      ASSERT_EQ(len, want.size() - (want.size() == 3 * n + 1 ? 1 : 0)) << c << " at " << at;
+    }
+  }
+  // A plain value of whole blocks is copied as it is.
+  const std::string plain(64, 'x');
+  const zel_data_value_t value{0, 0, reinterpret_cast<uint8_t *>(const_cast<char *>(plain.data()))};
+  EXPECT_EQ(zel_convert_stream_to_ascii_or_hex_len(&value, 64), 64u);
+}
+
 // In the C locale a byte is text exactly when isprint or isspace says so.
 TEST(ConvertOctets, EveryByteInTheCLocale) {
   for (int c = 0; c < 256; ++c) {
@@ -288,20 +336,23 @@ TEST(ConvertConcurrency, ThreadsConvertAtOnceEachByItsLocale) {
   }
   constexpr int kRounds = 3000;
   std::latch start(2);
-  const std::vector<uint8_t> cafe = {'c', 'a', 'f', 0xe9, ','};
+  // Once inside a block of sixteen and once in the tail after it.
+  const std::vector<uint8_t> cafe = {'c', 'a', 'f', 0xe9, ',', 'x', 'x', 'x', 'x', 'x',
+                                     'x', 'x', 'x', 'x',  'x', 'x', 'c', 'a', 'f', 0xe9};
   std::atomic<int> ok{0};
   auto worker = [&](locale_t loc, const std::string &want) {
     uselocale(loc);
     start.arrive_and_wait();
     const zel_data_value_t octets = value_of(cafe);
     for (int i = 0; i < kRounds; ++i) {
-      char buf[32] = {};
-      ok += std::string(buf, zel_convert_stream_to_ascii_or_hex(buf, 31, &octets, 5)) == want;
+      char buf[64] = {};
+      ok += std::string(buf, zel_convert_stream_to_ascii_or_hex(buf, 63, &octets, 20)) == want;
     }
     uselocale(LC_GLOBAL_LOCALE);
   };
-  std::thread t1(worker, latin1, "\"caf\xe9,\""),
-      t2(worker, LC_GLOBAL_LOCALE, "\"63:61:66:e9:2c\"");
+  std::thread t1(worker, latin1, "\"caf\xe9,xxxxxxxxxxxcaf\xe9\""),
+      t2(worker, LC_GLOBAL_LOCALE,
+         "\"63:61:66:e9:2c:78:78:78:78:78:78:78:78:78:78:78:63:61:66:e9\"");
   t1.join();
   t2.join();
   EXPECT_EQ(ok.load(), 2 * kRounds);

@@ -95,7 +95,7 @@ TEST(IdMgr, CounterWrapAndInUseProbe) {
 }
 
 // One sweep over init and 17 bindings: a failed init leaves the manager as it was; a failed
-// entry uses its candidate up; the 17th binding grows the set, and a failed growth is no error.
+// entry uses its candidate up; the 13th binding grows the set, and a failed growth is no error.
 TEST(IdMgr, AllocationFailures) {
   const unsigned failures = zel_test::fault_sweep([&](unsigned n) {
     zel_test::FaultScope fault(n);

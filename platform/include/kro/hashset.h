@@ -2,7 +2,7 @@
  *
  * A hash set links caller-owned elements through a link field embedded in each element, at a
  * byte offset given at creation. The set never allocates, copies or frees elements; it owns
- * only its bucket array. Keys are whatever the hash and match callbacks look at: a lookup
+ * only its slot array. Keys are whatever the hash and match callbacks look at: a lookup
  * passes a key element of the element's shape with only the key fields filled in.
  *
  * None of these functions locks: the owner of a set serialises every call on it.
@@ -17,11 +17,15 @@
 extern "C" {
 #endif
 
-/* The link an element reserves for a set: two pointer-sized words. `next` chains the
- * element's bucket; `hash` caches the element's hash so growth never calls back. */
+/* The link an element reserves for a set: two pointer-sized words, the set's alone while the
+ * element is linked. The set keeps each member's hash beside its pointer in its own slot array,
+ * so lookups read only the members whose hash is equal to the key's; the link holds where the
+ * element sits (a hint that lets iteration step on without calling back) and, after a growth
+ * that could not allocate, chains the element on the set's overflow list with its hash. Its
+ * content is undefined outside the set. */
 typedef struct kro_hashset_link {
   void *next;
-  uintptr_t hash;
+  uintptr_t aux;
 } kro_hashset_link_t;
 
 typedef struct kro_hashset kro_hashset_t;
@@ -33,13 +37,13 @@ typedef int (*kro_hashset_match_fn)(const void *member, const void *key);
 
 /* Result codes. */
 #define KRO_HASHSET_OK 0
-#define KRO_HASHSET_ENOMEM 12 /* the set or its buckets could not be allocated */
+#define KRO_HASHSET_ENOMEM 12 /* the set or its slots could not be allocated */
 #define KRO_HASHSET_EINVAL 22 /* NULL set, element or callback */
 #define KRO_HASHSET_EEXIST 17 /* insert: this very element is already linked */
 #define KRO_HASHSET_ENOENT 2  /* remove: this very element is not linked */
 
 /* Creates an empty set into *set. `size_hint` is the expected number of elements (0: a small
- * default); the set grows (doubling its buckets) as it fills, so the hint only saves early
+ * default); the set grows (doubling its slots) as it fills, so the hint only saves early
  * growth. `link_offset` is the byte offset of the element's kro_hashset_link_t. `flags` is
  * reserved (pass 0). Returns 0 with *set filled; KRO_HASHSET_EINVAL or KRO_HASHSET_ENOMEM
  * with *set untouched. */
@@ -52,20 +56,23 @@ void kro_hashset_free(kro_hashset_t **set);
 /* Links `elem`, calling the hash callback once. Elements with equal keys may coexist: the
  * newest is found first by kro_hashset_get, and removing it uncovers the older one, so no
  * linked element ever becomes unreachable. Linking the same element twice is refused
- * (KRO_HASHSET_EEXIST). A failed growth is not an error: the set keeps its buckets and
- * only its chains get longer. */
+ * (KRO_HASHSET_EEXIST). A failed growth is not an error: the element is linked all the same
+ * (through its link, without allocating) and the set retries the growth at the next insertion;
+ * until one succeeds, lookups also walk the elements linked that way. */
 int kro_hashset_insert(kro_hashset_t *set, void *elem);
 
 /* Unlinks exactly `elem` (compared by address), calling the hash callback once to find its
- * bucket. KRO_HASHSET_ENOENT when it is not linked in this set. */
+ * place. KRO_HASHSET_ENOENT when it is not linked in this set. */
 int kro_hashset_remove(kro_hashset_t *set, void *elem);
 
 /* The newest linked element whose key matches `key` (hash callback once on the key, match
- * callback on each element of the key's bucket with an equal hash), or NULL. */
+ * callback only on elements whose hash is equal to the key's, newest first), or NULL. */
 void *kro_hashset_get(kro_hashset_t *set, const void *key);
 
 /* Iteration in the set's own order: first, then next after a given member, then NULL.
- * No element may be inserted or removed between the calls of one walk. */
+ * No element may be inserted or removed between the calls of one walk. Neither calls back for
+ * an element this walk returned; next calls the hash callback once on any other member, to find
+ * its place. */
 void *kro_hashset_first(kro_hashset_t *set);
 void *kro_hashset_next(kro_hashset_t *set, const void *elem);
 
