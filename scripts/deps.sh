@@ -5,7 +5,8 @@
 #   scripts/deps.sh demo   the demonstration only: compiler, CMake, Ninja, pkg-config, and
 #                          net-snmp's agent (snmpd), tools (snmp) and C library (libsnmp-dev)
 #   scripts/deps.sh [all]  the full test matrix besides: the 32-bit toolchain (g++-multilib),
-#                          clang, gcovr, valgrind, GoogleTest and Google Benchmark sources
+#                          clang with clang-format and clang-tidy, gcovr, valgrind, GoogleTest
+#                          and Google Benchmark sources, and ZeroMQ (the benchmarks' peer)
 #
 # Installing snmpd would start Debian's own agent service on port 161; a policy-rc.d that
 # refuses every service start is put in place for the installation (unless the machine has one
@@ -33,6 +34,9 @@ if [ "$what" = all ]; then
   need_cmd gcovr gcovr
   need_cmd valgrind valgrind
   need_cmd clang clang
+  need_cmd clang-format clang-format
+  need_cmd clang-tidy clang-tidy
+  [ -f /usr/include/zmq.h ] || missing+=(libzmq3-dev)
   [ -d /usr/src/googletest ] || missing+=(googletest libgtest-dev)
   [ -f /usr/include/benchmark/benchmark.h ] || missing+=(libbenchmark-dev)
 fi

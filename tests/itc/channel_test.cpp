@@ -403,9 +403,9 @@ TEST_F(ItcFault, AllocWritesNothingWhenTheBlockCannotBeHad) {
 
 // A server's close allocates its client's notice, then the clean-up timer: every failure in
 // turn, with one message in a queue of one (the wake message still finds room: the queue's
-// limit holds data messages only); then a close without the timer from inside the server's own callback. A
-// lost notice and a failed timer are error traces on the module "ITC"; the clean-up happens all
-// the same, nothing stays behind.
+// limit holds data messages only); then a close without the timer from inside the server's own
+// callback. A lost notice and a failed timer are error traces on the module "ITC"; the clean-up
+// happens all the same, nothing stays behind.
 TEST_F(ItcFault, CloseCleansUpWithoutItsTimer) {
   ASSERT_EQ(any_module_dt_init(&lib_amdt, "ITC"), 0);
   const lib_itc_attr_t one = {0, 1, 8192};
