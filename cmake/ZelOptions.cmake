@@ -4,6 +4,7 @@ option(ZEL_BUILD_EXAMPLES "Build the example programs" ON)
 option(ZEL_BUILD_BENCH "Build the benchmarks (needs Google Benchmark)" ON)
 option(ZEL_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
 option(ZEL_COVERAGE "Instrument the library and tests for gcov" OFF)
+option(ZEL_THREAD_SAFETY "Check the lock annotations with clang's -Wthread-safety" OFF)
 set(ZEL_TEST_TIMEOUT_FACTOR 1 CACHE STRING
   "Multiplies every test's timeout, for tools that slow the tests down (valgrind)")
 set(ZEL_SANITIZE "" CACHE STRING "Sanitizer set: empty, address (with undefined and leak checking) or thread")
@@ -34,6 +35,13 @@ if(ZEL_COVERAGE)
   # increments leave counts that gcov turns into negative branch counts.
   target_compile_options(zel_build_flags INTERFACE --coverage -O0 -fprofile-update=atomic)
   target_link_options(zel_build_flags INTERFACE --coverage)
+endif()
+
+if(ZEL_THREAD_SAFETY)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "ZEL_THREAD_SAFETY needs clang (use the tsa preset)")
+  endif()
+  target_compile_options(zel_build_flags INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
 
 if(ZEL_FUZZ)

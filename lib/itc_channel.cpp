@@ -27,7 +27,7 @@ thread_local lib_itc_delivery lib_itc_delivering LIB_ITC_TLS = {0, nullptr};
 
 // Closed records whose clean-up timer could not be created or armed, and how many there are
 // (read without the mutex, so that handlers of closed channels skip the list when it is empty).
-lib_itc_channel_t *lib_itc_orphans = nullptr;
+lib_itc_channel_t *lib_itc_orphans ZEL_GUARDED_BY(lib_itc_channel_mutex) = nullptr;
 std::atomic<uint32_t> lib_itc_orphan_count{0};
 
 // Drain callback of every channel queue: frees what a destroyed queue still holds.
@@ -63,7 +63,7 @@ bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle) {
       seen.unbinds == lib_itc_unbind_count.load(std::memory_order_acquire)) {
     return true;
   }
-  lib_itc_lock lock;
+  lib_lock lock(lib_itc_channel_mutex);
   return lib_itc_entry(service, handle) != nullptr;
 }
 
@@ -103,7 +103,7 @@ lib_itc_channel_t *lib_itc_own_record(lib_name_service_t *service, uint32_t hand
   if (d.rec != nullptr && d.handle == handle) {
     return d.rec->closed.load(std::memory_order_acquire) ? nullptr : d.rec;
   }
-  lib_itc_lock lock;
+  lib_lock lock(lib_itc_channel_mutex);
   return lib_itc_slot_record(service, handle);
 }
 
@@ -201,7 +201,7 @@ void lib_itc_msg_discard(lib_itc_msg_hdr_t *msg) {
 }
 
 void lib_itc_orphan_add(lib_itc_channel_t *rec) {
-  lib_itc_lock lock;
+  lib_lock lock(lib_itc_channel_mutex);
   rec->orphan_next = lib_itc_orphans;
   lib_itc_orphans = rec;
   lib_itc_orphan_count.fetch_add(1, std::memory_order_release);
@@ -221,7 +221,7 @@ void lib_itc_queue_closed_drain(kro_dm_watched_queue_t *queue) {
   }
   lib_itc_channel_t *found = nullptr;
   {
-    lib_itc_lock lock;
+    lib_lock lock(lib_itc_channel_mutex);
     for (lib_itc_channel_t **p = &lib_itc_orphans; *p != nullptr; p = &(*p)->orphan_next) {
       if ((*p)->queue == queue) {
         found = *p;

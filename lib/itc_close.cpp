@@ -61,7 +61,7 @@ extern "C" int lib_itc_close(uint32_t *handle) {
   lib_itc_notice notice(server ? lib_itc_notice::server_close : lib_itc_notice::client_close,
                         nullptr, h);
   {
-    lib_itc_lock lock;
+    lib_lock lock(lib_itc_channel_mutex);
     rec = lib_itc_slot_record(service, h);
     if (rec == nullptr) {
       return LIB_ITC_EINVAL;

@@ -16,7 +16,7 @@ void lib_itc_queue_handler(kro_dm_watched_queue_t *queue, void *cookie) {
     // that one may belong to another thread, which may free it as soon as the mutex is
     // released, so it is told apart by its queue here and never read afterwards. A record whose
     // queue is this one is this channel, freed only on this thread.
-    lib_itc_lock lock;
+    lib_lock lock(lib_itc_channel_mutex);
     rec = lib_itc_slot_record(service, handle);
     if (rec != nullptr && rec->queue != queue) {
       rec = nullptr;

@@ -68,30 +68,30 @@ struct lib_itc_channel_t {
   lib_itc_msg_hdr_t *current;  // being delivered to the callback (own thread only)
   lib_itc_msg_hdr_t *pending;  // set aside by a receive of the other kind (own thread only)
   const char *name;            // the opener's string; the name's entry may point at it
-  bool published;              // under the mutex: open has set the channel up
+  bool published ZEL_GUARDED_BY(lib_itc_channel_mutex);  // open has set the channel up
   // Beyond the documented fields. The reference count, changed twice by every send, keeps off
   // the line the receiver writes per message (queued, current, pending): a whole line of
   // padding puts it on another line whatever the block's alignment.
   char pad[64];
-  std::atomic<uint32_t> refs;      // see "Record lifetime"
-  std::atomic<bool> closed;        // set under the mutex when close takes the record out
-  lib_itc_channel_t *orphan_next;  // link in the orphan list (under the mutex)
-  lib_itc_msg_hdr_t wake;          // type lib_itc_msg_wake
+  std::atomic<uint32_t> refs;  // see "Record lifetime"
+  std::atomic<bool> closed;    // set under the mutex when close takes the record out
+  lib_itc_channel_t *orphan_next ZEL_GUARDED_BY(lib_itc_channel_mutex);  // in the orphan list
+  lib_itc_msg_hdr_t wake;                                                // type lib_itc_msg_wake
   // The queue's copy of the name follows the record in the same block: the queue outlives the
   // close, after which the opener may free its string.
 };
 
 // The record a slot's value stands for, or nullptr: a slot holds its record from the binding
 // on (so that no concurrent binding of the name can take it), but the channel exists for
-// everyone else only once open has published it. Call with the channel mutex held.
-inline lib_itc_channel_t *lib_itc_record_in(void *value) {
+// everyone else only once open has published it.
+inline lib_itc_channel_t *lib_itc_record_in(void *value) ZEL_REQUIRES(lib_itc_channel_mutex) {
   auto *rec = static_cast<lib_itc_channel_t *>(value);
   return rec != nullptr && rec->published ? rec : nullptr;
 }
 
-// The record in slot `slot` of an entry, or nullptr. Call with the channel mutex held.
-inline lib_itc_channel_t *lib_itc_entry_record(const lib_name_service_entry_t *entry,
-                                               uint32_t slot) {
+// The record in slot `slot` of an entry, or nullptr.
+inline lib_itc_channel_t *lib_itc_entry_record(const lib_name_service_entry_t *entry, uint32_t slot)
+    ZEL_REQUIRES(lib_itc_channel_mutex) {
   const lib_array_t *slots = entry->slots;
   return slot < slots->used ? lib_itc_record_in(slots->data[slot]) : nullptr;
 }
@@ -115,43 +115,18 @@ inline void *lib_itc_payload_of(lib_itc_msg_hdr_t *hdr) {
   return hdr + 1;
 }
 
-// Holds the channel mutex for its scope, like lib_itc_lock, for the hot paths: the critical
-// sections there last a few dozen instructions, so a thread that finds the mutex taken tries
-// again for a short while before it sleeps in the kernel (a sleep and its wake-up cost far more
-// than the wait). Construct only after lib_itc_name_service_get() has returned a service.
-class lib_itc_lock_spin {
- public:
-  lib_itc_lock_spin() : mutex_(lib_itc_mutex()) {
-    for (int i = 0; i < 64; ++i) {
-      if (pthread_mutex_trylock(mutex_) == 0) {
-        return;
-      }
-#if defined(__i386__) || defined(__x86_64__)
-      __builtin_ia32_pause();
-#endif
-    }
-    pthread_mutex_lock(mutex_);
-  }
-  ~lib_itc_lock_spin() {
-    pthread_mutex_unlock(mutex_);
-  }
-  lib_itc_lock_spin(const lib_itc_lock_spin &) = delete;
-  lib_itc_lock_spin &operator=(const lib_itc_lock_spin &) = delete;
-
- private:
-  pthread_mutex_t *mutex_;
-};
-
 // ---- Lookups (itc_channel.cpp) ----------------------------------------------------------
 
 // The record in the slot that `handle` names, or nullptr (id unbound, slot beyond the array,
 // slot empty or reserved). Call with the channel mutex held.
-lib_itc_channel_t *lib_itc_slot_record(lib_name_service_t *service, uint32_t handle);
+lib_itc_channel_t *lib_itc_slot_record(lib_name_service_t *service, uint32_t handle)
+    ZEL_REQUIRES(lib_itc_channel_mutex);
 
 // The entry of the handle's name id, or nullptr. Call with the channel mutex held. The last
 // entry found is remembered per thread together with the count of names released so far; while
 // that count stands, the entry is still linked and is returned without a hash lookup.
-lib_name_service_entry_t *lib_itc_entry(lib_name_service_t *service, uint32_t handle);
+lib_name_service_entry_t *lib_itc_entry(lib_name_service_t *service, uint32_t handle)
+    ZEL_REQUIRES(lib_itc_channel_mutex);
 
 // Whether the handle's name id is bound. Takes the channel mutex unless this thread has seen
 // the id bound since the last release of a whole name (then it is still bound).
@@ -160,7 +135,8 @@ bool lib_itc_id_bound(lib_name_service_t *service, uint32_t handle);
 // Releases the binding of `handle`, whose slot holds `rec` (published or not), and settles the
 // name: freed with its id when no binding is left (whatever the roles), else named by the string
 // of a channel that stays when it was named by `rec`'s. Call with the channel mutex held.
-void lib_itc_release(lib_name_service_t *service, uint32_t handle, const lib_itc_channel_t *rec);
+void lib_itc_release(lib_name_service_t *service, uint32_t handle, const lib_itc_channel_t *rec)
+    ZEL_REQUIRES(lib_itc_channel_mutex);
 
 // The record of `handle` for the channel's own thread: when the handler on this thread is
 // delivering for that handle, its record (nullptr once closed); else a lookup under the mutex.
@@ -236,7 +212,7 @@ class lib_itc_notice {
   // With the mutex held: reads the entry's slots (this channel's slot already stored, or
   // already released for a close), takes the references and, when anything is to be posted, a
   // ticket.
-  void collect(const lib_name_service_entry_t *entry);
+  void collect(const lib_name_service_entry_t *entry) ZEL_REQUIRES(lib_itc_channel_mutex);
   // Without the mutex: waits for the ticket's turn, posts, drops the references.
   void post();
 

@@ -64,7 +64,7 @@ lib_itc_channel_t *lib_itc_send_target(lib_name_service_t *service, uint32_t han
   pin.drop();
   lib_itc_channel_t *dst = nullptr;
   {
-    lib_itc_lock_spin lock;
+    lib_lock lock(lib_itc_channel_mutex, lib_lock::spin);
     lib_name_service_entry_t *entry = lib_itc_entry(service, handle);
     if (entry == nullptr) {
       return nullptr;

@@ -12,15 +12,17 @@
 
 #include "lib/lib_internal.h"
 
+// Initialised by the first creation attempt through the platform's mutex init.
+alignas(64) lib_mutex lib_itc_channel_mutex{lib_mutex::late};
+
 namespace {
 
-pthread_mutex_t lib_itc_create_mutex = PTHREAD_MUTEX_INITIALIZER;
-bool lib_itc_channel_mutex_ready = false;  // guarded by lib_itc_create_mutex
-// Each on a cache line of its own: every channel operation reads the service pointer, and every
-// lock and unlock writes the mutex; sharing a line would make readers miss on each write.
-alignas(64) pthread_mutex_t lib_itc_channel_mutex;
+lib_mutex lib_itc_create_mutex;
+bool lib_itc_channel_mutex_ready ZEL_GUARDED_BY(lib_itc_create_mutex) = false;
+// On a cache line of its own: every channel operation reads the service pointer, and every lock
+// and unlock writes the mutex; sharing a line would make readers miss on each write.
 alignas(64) std::atomic<lib_name_service_t *> lib_itc_service{nullptr};
-lib_name_service_ids lib_itc_released_ids{};  // guarded by the channel mutex
+lib_name_service_ids lib_itc_released_ids ZEL_GUARDED_BY(lib_itc_channel_mutex){};
 
 }  // namespace
 
@@ -29,11 +31,12 @@ lib_name_service_t *lib_itc_name_service_get() {
   if (service != nullptr) {
     return service;
   }
-  pthread_mutex_lock(&lib_itc_create_mutex);
+  const lib_lock lock(lib_itc_create_mutex);
   service = lib_itc_service.load(std::memory_order_relaxed);
   if (service == nullptr) {
     if (!lib_itc_channel_mutex_ready) {
-      lib_itc_channel_mutex_ready = kro_thread_mutex_init(&lib_itc_channel_mutex, nullptr) == 0;
+      lib_itc_channel_mutex_ready =
+          kro_thread_mutex_init(lib_itc_channel_mutex.native(), nullptr) == 0;
     }
     if (lib_itc_channel_mutex_ready) {
       service = lib_name_service_create();
@@ -42,14 +45,9 @@ lib_name_service_t *lib_itc_name_service_get() {
       }
     }
   }
-  pthread_mutex_unlock(&lib_itc_create_mutex);
   return service;
 }
 
 lib_name_service_ids *lib_itc_ids() {
   return &lib_itc_released_ids;
-}
-
-pthread_mutex_t *lib_itc_mutex() {
-  return &lib_itc_channel_mutex;
 }

@@ -31,7 +31,7 @@ extern "C" uint32_t lib_itc_open(uint32_t *handle, const char *name, int32_t rol
   }
   uint32_t h = 0;
   {
-    lib_itc_lock lock;
+    lib_lock lock(lib_itc_channel_mutex);
     if (lib_name_service_insert_recycling(service, &h, name, server ? 1 : 0, lib_itc_ids()) ==
         nullptr) {
       lib_itc_channel_free(rec);
@@ -45,7 +45,7 @@ extern "C" uint32_t lib_itc_open(uint32_t *handle, const char *name, int32_t rol
   const int rc = lib_itc_channel_start(rec, h);
   if (rc != 0) {
     {
-      lib_itc_lock lock;
+      lib_lock lock(lib_itc_channel_mutex);
       lib_itc_release(service, h, rec);
     }
     lib_itc_channel_free(rec);
@@ -54,7 +54,7 @@ extern "C" uint32_t lib_itc_open(uint32_t *handle, const char *name, int32_t rol
 
   lib_itc_notice notice(server ? lib_itc_notice::server_open : lib_itc_notice::client_open, rec, h);
   {
-    lib_itc_lock lock;
+    lib_lock lock(lib_itc_channel_mutex);
     rec->published = true;
     notice.collect(lib_name_service_entry_of(service, h));
   }

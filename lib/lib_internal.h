@@ -2,7 +2,7 @@
 //
 // The channels keep one process-wide name service and one process-wide channel mutex. Every
 // channel operation first calls lib_itc_name_service_get(); once that has returned a service,
-// the mutex is initialised and lib_itc_lock guards it. Every lookup, binding, release and slot
+// the mutex is initialised and may be held with lib_lock. Every lookup, binding, release and slot
 // store on the service happens under the mutex, which is never held across a platform queue or
 // timer call or a user callback.
 #ifndef ZEL_LIB_LIB_INTERNAL_H_
@@ -12,6 +12,8 @@
 #include <stdint.h>
 
 #include <zel/name_service.h>
+
+#include "lib/lib_mutex.h"
 
 // The entry of a handle's id (bits 16 to 31), or nullptr when the id is not bound. The caller
 // serialises (for the channels: holds the channel mutex while it uses the entry).
@@ -81,25 +83,12 @@ inline bool lib_name_service_entry_unbound(const lib_name_service_entry_t *entry
 // with the channel mutex; once a service exists the call is one atomic load. Any thread.
 lib_name_service_t *lib_itc_name_service_get();
 
-// The ids the channels' released names gave back, for lib_name_service_insert_recycling on the
-// process-wide service. Guarded by the channel mutex.
-lib_name_service_ids *lib_itc_ids();
-
 // The process-wide channel mutex. Initialised once lib_itc_name_service_get() has returned a
 // service; it must not be locked before that.
-pthread_mutex_t *lib_itc_mutex();
+extern lib_mutex lib_itc_channel_mutex;
 
-// Holds the channel mutex for its scope. Construct only after lib_itc_name_service_get() has
-// returned a service.
-class lib_itc_lock {
- public:
-  lib_itc_lock() : mutex_(lib_itc_mutex()) { pthread_mutex_lock(mutex_); }
-  ~lib_itc_lock() { pthread_mutex_unlock(mutex_); }
-  lib_itc_lock(const lib_itc_lock &) = delete;
-  lib_itc_lock &operator=(const lib_itc_lock &) = delete;
-
- private:
-  pthread_mutex_t *mutex_;
-};
+// The ids the channels' released names gave back, for lib_name_service_insert_recycling on the
+// process-wide service.
+lib_name_service_ids *lib_itc_ids() ZEL_REQUIRES(lib_itc_channel_mutex);
 
 #endif  // ZEL_LIB_LIB_INTERNAL_H_

@@ -9,14 +9,14 @@
 #include <host/fu_probe.h>
 
 #include <cstring>
-#include <mutex>
 
 #include "host/fu_internal.h"
+#include "kro/kro_mutex.h"
 
 namespace {
 
-fu_pmx_recv_opts_t fu_pmx_last_opts;  // guarded by fu_pmx_probe_mutex
-std::mutex fu_pmx_probe_mutex;
+kro_mutex fu_pmx_probe_mutex;
+fu_pmx_recv_opts_t fu_pmx_last_opts KRO_GUARDED_BY(fu_pmx_probe_mutex);
 
 // Waits until `fd` is readable (or has hung up). false on a failing poll.
 bool fu_pmx_wait_readable(int fd, int timeout_ms) {
@@ -57,7 +57,7 @@ bool fu_pmx_read_full(int fd, void *buf, size_t len) {
 }  // namespace
 
 void fu_pmx_probe_reset() {
-  const std::lock_guard<std::mutex> lock(fu_pmx_probe_mutex);
+  const kro_lock lock(fu_pmx_probe_mutex);
   fu_pmx_last_opts = fu_pmx_recv_opts_t{};
 }
 
@@ -65,7 +65,7 @@ extern "C" {
 
 int fu_pmx_recv(int fd, fu_pmx_msg_t *msg, const fu_pmx_recv_opts_t *opts) {
   if (opts != nullptr) {
-    const std::lock_guard<std::mutex> lock(fu_pmx_probe_mutex);
+    const kro_lock lock(fu_pmx_probe_mutex);
     fu_pmx_last_opts = *opts;
   }
   if (msg == nullptr || opts == nullptr || fd < 0) {
@@ -107,7 +107,7 @@ void fu_probe_last_recv_opts(fu_pmx_recv_opts_t *opts) {
   if (opts == nullptr) {
     return;
   }
-  const std::lock_guard<std::mutex> lock(fu_pmx_probe_mutex);
+  const kro_lock lock(fu_pmx_probe_mutex);
   *opts = fu_pmx_last_opts;
 }
 

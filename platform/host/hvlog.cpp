@@ -6,7 +6,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
+
+#include "kro/kro_mutex.h"
 
 #include "host/host_internal.h"
 
@@ -24,9 +25,9 @@ struct host_event {
   unsigned char bytes[HOST_HISTORY_EVENT_MAX];
 };
 
-host_event host_history[HOST_HISTORY_CAPACITY];  // guarded by host_history_mutex
-size_t host_history_next = 0;                    // total appended; guarded
-std::mutex host_history_mutex;
+kro_mutex host_history_mutex;
+host_event host_history[HOST_HISTORY_CAPACITY] KRO_GUARDED_BY(host_history_mutex);
+size_t host_history_next KRO_GUARDED_BY(host_history_mutex) = 0;  // total appended
 
 }  // namespace
 
@@ -40,7 +41,7 @@ int hvlog_hist_event_subtype_check(uint32_t event_id, uint32_t subtype) {
 
 int hvlog_hist_event(uint32_t event_id, uint32_t len, const void *data) {
   kro_probe_journal_add("hvlog_hist_event 0x%x %u", event_id, len);
-  const std::lock_guard<std::mutex> lock(host_history_mutex);
+  const kro_lock lock(host_history_mutex);
   host_event &ev = host_history[host_history_next % HOST_HISTORY_CAPACITY];
   ev.id = event_id;
   ev.len = len;
@@ -82,17 +83,17 @@ void host_probe_set_chk_int(int answer) {
 }
 
 size_t host_probe_history_count(void) {
-  const std::lock_guard<std::mutex> lock(host_history_mutex);
+  const kro_lock lock(host_history_mutex);
   return host_history_next < HOST_HISTORY_CAPACITY ? host_history_next : HOST_HISTORY_CAPACITY;
 }
 
 void host_probe_history_clear(void) {
-  const std::lock_guard<std::mutex> lock(host_history_mutex);
+  const kro_lock lock(host_history_mutex);
   host_history_next = 0;
 }
 
 int host_probe_history_get(size_t i, uint32_t *event_id, uint32_t *len, void *buf, size_t cap) {
-  const std::lock_guard<std::mutex> lock(host_history_mutex);
+  const kro_lock lock(host_history_mutex);
   const size_t kept =
       host_history_next < HOST_HISTORY_CAPACITY ? host_history_next : HOST_HISTORY_CAPACITY;
   if (i >= kept) {

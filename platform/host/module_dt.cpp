@@ -5,7 +5,8 @@
 
 #include <cstdio>
 #include <cstring>
-#include <mutex>
+
+#include "kro/kro_mutex.h"
 
 namespace {
 
@@ -18,11 +19,11 @@ struct host_registration {
   char flag_names[2][host_flag_name_max];  // "<name>.trace", "<name>.error"
 };
 
-host_registration host_regs[host_reg_capacity];  // guarded by host_reg_mutex
-unsigned host_reg_used = 0;                      // guarded by host_reg_mutex
-std::mutex host_reg_mutex;
+kro_mutex host_reg_mutex;
+host_registration host_regs[host_reg_capacity] KRO_GUARDED_BY(host_reg_mutex);
+unsigned host_reg_used KRO_GUARDED_BY(host_reg_mutex) = 0;
 
-host_registration *host_reg_find(const char *name) {
+host_registration *host_reg_find(const char *name) KRO_REQUIRES(host_reg_mutex) {
   for (unsigned i = 0; i < host_reg_used; ++i) {
     if (strcmp(host_regs[i].name, name) == 0) {
       return &host_regs[i];
@@ -40,7 +41,7 @@ int any_module_dt_init(any_module_dt_t *rec, const char *name) {
   if (rec == nullptr || name == nullptr) {
     return -1;
   }
-  const std::lock_guard<std::mutex> lock(host_reg_mutex);
+  const kro_lock lock(host_reg_mutex);
   host_registration *reg = host_reg_find(name);
   if (reg == nullptr) {
     if (host_reg_used == host_reg_capacity) {
@@ -69,7 +70,7 @@ unsigned host_probe_registrations(const char *name) {
   if (name == nullptr) {
     return 0;
   }
-  const std::lock_guard<std::mutex> lock(host_reg_mutex);
+  const kro_lock lock(host_reg_mutex);
   const host_registration *reg = host_reg_find(name);
   return reg == nullptr ? 0 : reg->count;
 }

@@ -141,7 +141,8 @@ void kro_dm_fds_run(kro_dm *dm) {
   dm->ev_count = 0;
 }
 
-void kro_dm_release(kro_dm *dm) {
+// Creation's failure path and destroy: no other thread can reach the manager.
+void kro_dm_release(kro_dm *dm) KRO_NO_TSA {
   if (dm->epfd >= 0) {
     close(dm->epfd);
   }
@@ -286,7 +287,7 @@ int kro_dm_set_clock(kro_dm_t *dm, kro_dm_clock_fn clock, void *arg) {
   if (dm == nullptr) {
     return KRO_DM_EINVAL;
   }
-  const std::lock_guard<std::mutex> lock(dm->timer_mutex);
+  const kro_lock lock(dm->timer_mutex);
   if (dm->heap_len != 0 || dm->due_head != nullptr) {
     return KRO_DM_EBUSY;
   }

@@ -1,7 +1,7 @@
 // Records of the dispatch manager shared by its sources (dm*.cpp, mgd_timer.cpp).
 //
-// Locking, in one place:
-// - the timer heap, the due list and every timer record field but `dm` are guarded by
+// Locking, in one place (checked by clang's -Wthread-safety, see kro/kro_mutex.h):
+// - the timer heap, the due list and the timer records' state are guarded by
 //   kro_dm::timer_mutex; `next_deadline` mirrors the heap's top for lock-free peeks;
 // - watched queues are lock-free: producers touch `state`, `head`, `scheduled` and the
 //   manager's `incoming` stack, `sleeping` and eventfd; everything else is the owner's;
@@ -15,7 +15,8 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
-#include <mutex>
+
+#include "kro/kro_mutex.h"
 
 constexpr uint64_t kro_dm_never = UINT64_MAX;
 constexpr unsigned kro_dm_max_events = 64;
@@ -70,21 +71,7 @@ struct kro_dm_qlist {
 
 enum kro_dm_timer_state : uint8_t { KRO_DM_TIMER_IDLE, KRO_DM_TIMER_ARMED, KRO_DM_TIMER_DUE };
 
-struct kro_dm_timer {
-  kro_dm_t *dm = nullptr;  // immutable
-  kro_dm_timer_fn handler = nullptr;
-  void *cookie = nullptr;
-  uint64_t deadline = 0;
-  uint64_t seq = 0;  // arming order, breaks deadline ties
-  uint32_t heap_index = 0;
-  kro_dm_timer_state state = KRO_DM_TIMER_IDLE;
-  bool running = false;  // its handler is executing
-  bool deleted = false;  // deleted while running: freed when the handler returns
-  kro_dm_timer *due_prev = nullptr;
-  kro_dm_timer *due_next = nullptr;
-  kro_dm_timer *all_prev = nullptr;
-  kro_dm_timer *all_next = nullptr;
-};
+struct kro_dm_timer;  // below the manager, whose mutex guards it
 
 // ---- Descriptors --------------------------------------------------------------------------
 
@@ -122,16 +109,16 @@ struct kro_dm {
   std::atomic<uint64_t> wakeups{0};
   char pad0[kro_dm_line];
 
-  // Timers, under timer_mutex.
-  std::mutex timer_mutex;
-  kro_dm_timer **heap = nullptr;
-  uint32_t heap_len = 0;
-  uint32_t heap_cap = 0;
-  uint32_t timers = 0;  // live timers: the heap never needs more room than this
-  uint64_t seq = 0;
-  kro_dm_timer *all = nullptr;
-  kro_dm_timer *due_head = nullptr;
-  kro_dm_timer *due_tail = nullptr;
+  // Timers.
+  kro_mutex timer_mutex;
+  kro_dm_timer **heap KRO_GUARDED_BY(timer_mutex) = nullptr;
+  uint32_t heap_len KRO_GUARDED_BY(timer_mutex) = 0;
+  uint32_t heap_cap KRO_GUARDED_BY(timer_mutex) = 0;
+  uint32_t timers KRO_GUARDED_BY(timer_mutex) = 0;  // live timers: the heap's room
+  uint64_t seq KRO_GUARDED_BY(timer_mutex) = 0;
+  kro_dm_timer *all KRO_GUARDED_BY(timer_mutex) = nullptr;
+  kro_dm_timer *due_head KRO_GUARDED_BY(timer_mutex) = nullptr;
+  kro_dm_timer *due_tail KRO_GUARDED_BY(timer_mutex) = nullptr;
   std::atomic<uint64_t> next_deadline{kro_dm_never};
   char pad1[kro_dm_line];
 
@@ -165,6 +152,28 @@ struct kro_dm {
   kro_dm_counter fd_runs;
 };
 
+// ---- Timers (continued) ------------------------------------------------------------------
+
+// Everything but `dm`, `handler` and `cookie` (set at creation) is guarded by the timer_mutex
+// of the manager `dm`. The analysis cannot check that: records are reached through the
+// manager's heap and lists, and it cannot tell that a record's `dm` is the manager whose mutex
+// the caller holds; the functions that touch these fields require that mutex instead.
+struct kro_dm_timer {
+  kro_dm *dm = nullptr;  // immutable
+  kro_dm_timer_fn handler = nullptr;
+  void *cookie = nullptr;
+  uint64_t deadline = 0;
+  uint64_t seq = 0;  // arming order, breaks deadline ties
+  uint32_t heap_index = 0;
+  kro_dm_timer_state state = KRO_DM_TIMER_IDLE;
+  bool running = false;  // its handler is executing
+  bool deleted = false;  // deleted while running: freed after
+  kro_dm_timer *due_prev = nullptr;
+  kro_dm_timer *due_next = nullptr;
+  kro_dm_timer *all_prev = nullptr;
+  kro_dm_timer *all_next = nullptr;
+};
+
 // Shared between the sources, not exported from the shared library.
 #define KRO_DM_INTERNAL __attribute__((visibility("hidden")))
 KRO_DM_INTERNAL uint64_t kro_dm_clock_now(const kro_dm *dm);
@@ -175,8 +184,9 @@ KRO_DM_INTERNAL void kro_dm_timers_run(kro_dm *dm);
 KRO_DM_INTERNAL void kro_dm_queues_run(kro_dm *dm);
 // Moves the incoming stack into the pending list, oldest first.
 KRO_DM_INTERNAL void kro_dm_queues_collect(kro_dm *dm);
-// Frees every timer (destroy) and every descriptor record.
-KRO_DM_INTERNAL void kro_dm_timers_free_all(kro_dm *dm);
+// Frees every timer (destroy: no other thread uses the manager any more) and every descriptor
+// record.
+KRO_DM_INTERNAL void kro_dm_timers_free_all(kro_dm *dm) KRO_NO_TSA;
 KRO_DM_INTERNAL void kro_dm_fds_free_all(kro_dm *dm);
 // Arms `timer` for an absolute deadline on the manager's clock (the managed timer trees).
 KRO_DM_INTERNAL int kro_dm_timer_set_deadline(kro_dm *dm, kro_dm_timer *timer, uint64_t deadline);

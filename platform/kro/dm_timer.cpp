@@ -13,28 +13,28 @@ namespace {
 
 constexpr uint64_t kro_dm_ns_per_s = 1000000000u;
 
-// Keeps the lock-free mirror of the heap's top current. Called with the mutex held.
-void kro_dm_timers_publish(kro_dm *dm) {
+// Keeps the lock-free mirror of the heap's top current.
+void kro_dm_timers_publish(kro_dm *dm) KRO_REQUIRES(dm->timer_mutex) {
   dm->next_deadline.store(dm->heap_len != 0 ? dm->heap[0]->deadline : kro_dm_never,
                           std::memory_order_seq_cst);
 }
 
-void kro_dm_due_unlink(kro_dm *dm, kro_dm_timer *t) {
+void kro_dm_due_unlink(kro_dm *dm, kro_dm_timer *t) KRO_REQUIRES(dm->timer_mutex) {
   (t->due_prev != nullptr ? t->due_prev->due_next : dm->due_head) = t->due_next;
   (t->due_next != nullptr ? t->due_next->due_prev : dm->due_tail) = t->due_prev;
   t->due_prev = nullptr;
   t->due_next = nullptr;
 }
 
-void kro_dm_due_append(kro_dm *dm, kro_dm_timer *t) {
+void kro_dm_due_append(kro_dm *dm, kro_dm_timer *t) KRO_REQUIRES(dm->timer_mutex) {
   t->due_next = nullptr;
   t->due_prev = dm->due_tail;
   (dm->due_tail != nullptr ? dm->due_tail->due_next : dm->due_head) = t;
   dm->due_tail = t;
 }
 
-// Takes the timer out of the heap or the due list. Called with the mutex held.
-void kro_dm_timer_disarm(kro_dm *dm, kro_dm_timer *t) {
+// Takes the timer out of the heap or the due list.
+void kro_dm_timer_disarm(kro_dm *dm, kro_dm_timer *t) KRO_REQUIRES(dm->timer_mutex) {
   if (t->state == KRO_DM_TIMER_ARMED) {
     kro_dm_heap_remove(dm->heap, &dm->heap_len, t);
     kro_dm_timers_publish(dm);
@@ -44,8 +44,9 @@ void kro_dm_timer_disarm(kro_dm *dm, kro_dm_timer *t) {
   t->state = KRO_DM_TIMER_IDLE;
 }
 
-// Arms with the mutex held. True when the timer became the nearest deadline.
-bool kro_dm_timer_arm_locked(kro_dm *dm, kro_dm_timer *t, uint64_t deadline) {
+// Arms the timer. True when it became the nearest deadline.
+bool kro_dm_timer_arm_locked(kro_dm *dm, kro_dm_timer *t, uint64_t deadline)
+    KRO_REQUIRES(dm->timer_mutex) {
   kro_dm_timer_disarm(dm, t);
   const uint64_t before = dm->heap_len != 0 ? dm->heap[0]->deadline : kro_dm_never;
   t->deadline = deadline;
@@ -62,7 +63,7 @@ int kro_dm_timer_delete(kro_dm *dm, kro_dm_timer **pt) {
     return KRO_DM_EINVAL;
   }
   {
-    const std::lock_guard<std::mutex> lock(dm->timer_mutex);
+    const kro_lock lock(dm->timer_mutex);
     if (t->deleted) {
       return KRO_DM_EINVAL;
     }
@@ -96,7 +97,7 @@ void kro_dm_timers_run(kro_dm *dm) {
   if (next > now) {
     return;
   }
-  std::unique_lock<std::mutex> lock(dm->timer_mutex);
+  kro_lock lock(dm->timer_mutex);
   // Collect first: popping the heap yields deadline order, ties in arming order.
   while (dm->heap_len != 0 && dm->heap[0]->deadline <= now) {
     kro_dm_timer *t = dm->heap[0];
@@ -138,7 +139,7 @@ void kro_dm_timers_free_all(kro_dm *dm) {
 }
 
 int kro_dm_timer_set_deadline(kro_dm *dm, kro_dm_timer *t, uint64_t deadline) {
-  const std::lock_guard<std::mutex> lock(dm->timer_mutex);
+  const kro_lock lock(dm->timer_mutex);
   if (t->deleted) {
     return KRO_DM_EINVAL;
   }
@@ -170,7 +171,7 @@ int kro_dm_timer_register(kro_dm_t *dm, kro_dm_timer_t **timer, kro_dm_timer_fn 
   t->handler = handler;
   t->cookie = cookie;
   {
-    const std::lock_guard<std::mutex> lock(dm->timer_mutex);
+    const kro_lock lock(dm->timer_mutex);
     // Room in the heap for every live timer, so that arming never allocates.
     if (!kro_dm_heap_reserve(&dm->heap, &dm->heap_cap, dm->timers + 1)) {
       t = nullptr;
@@ -206,7 +207,7 @@ int kro_dm_timer_cancel(kro_dm_t *dm, kro_dm_timer_t *timer) {
   if (dm == nullptr || timer == nullptr || timer->dm != dm) {
     return KRO_DM_EINVAL;
   }
-  const std::lock_guard<std::mutex> lock(dm->timer_mutex);
+  const kro_lock lock(dm->timer_mutex);
   if (timer->deleted) {
     return KRO_DM_EINVAL;
   }

@@ -5,16 +5,17 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 
+#include "kro/kro_mutex.h"
 #include "kro/probe_internal.h"
 
 namespace {
 
-char kro_probe_entries[KRO_PROBE_JOURNAL_CAPACITY][KRO_PROBE_ENTRY_MAX];
-size_t kro_probe_count = 0;    // guarded by kro_probe_mutex
-size_t kro_probe_dropped = 0;  // guarded by kro_probe_mutex
-std::mutex kro_probe_mutex;
+kro_mutex kro_probe_mutex;
+char kro_probe_entries[KRO_PROBE_JOURNAL_CAPACITY][KRO_PROBE_ENTRY_MAX] KRO_GUARDED_BY(
+    kro_probe_mutex);
+size_t kro_probe_count KRO_GUARDED_BY(kro_probe_mutex) = 0;
+size_t kro_probe_dropped KRO_GUARDED_BY(kro_probe_mutex) = 0;
 std::atomic<bool> kro_probe_on{false};
 
 }  // namespace
@@ -24,7 +25,7 @@ bool kro_probe_recording() {
 }
 
 void kro_probe_journal_vadd(const char *fmt, va_list ap) {
-  const std::lock_guard<std::mutex> lock(kro_probe_mutex);
+  const kro_lock lock(kro_probe_mutex);
   if (!kro_probe_on.load(std::memory_order_relaxed)) {
     return;
   }
@@ -39,29 +40,29 @@ void kro_probe_journal_vadd(const char *fmt, va_list ap) {
 extern "C" {
 
 void kro_probe_journal_start(void) {
-  const std::lock_guard<std::mutex> lock(kro_probe_mutex);
+  const kro_lock lock(kro_probe_mutex);
   kro_probe_count = 0;
   kro_probe_dropped = 0;
   kro_probe_on.store(true, std::memory_order_relaxed);
 }
 
 void kro_probe_journal_stop(void) {
-  const std::lock_guard<std::mutex> lock(kro_probe_mutex);
+  const kro_lock lock(kro_probe_mutex);
   kro_probe_on.store(false, std::memory_order_relaxed);
 }
 
 size_t kro_probe_journal_count(void) {
-  const std::lock_guard<std::mutex> lock(kro_probe_mutex);
+  const kro_lock lock(kro_probe_mutex);
   return kro_probe_count;
 }
 
 size_t kro_probe_journal_dropped(void) {
-  const std::lock_guard<std::mutex> lock(kro_probe_mutex);
+  const kro_lock lock(kro_probe_mutex);
   return kro_probe_dropped;
 }
 
 const char *kro_probe_journal_entry(size_t i) {
-  const std::lock_guard<std::mutex> lock(kro_probe_mutex);
+  const kro_lock lock(kro_probe_mutex);
   return i < kro_probe_count ? kro_probe_entries[i] : nullptr;
 }
 

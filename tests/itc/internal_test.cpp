@@ -24,7 +24,8 @@ TEST(ItcInternal, LastReferenceHolderFreesRecordQueueAndMessages) {
   }
   lib_itc_channel_t *held = nullptr;
   {
-    lib_itc_lock lock;  // as a sender does: the lookup and the reference under the mutex
+    lib_lock lock(
+        lib_itc_channel_mutex);  // as a sender does: the lookup and the reference under the mutex
     held = lib_itc_slot_record(lib_itc_name_service_get(), server);
     ASSERT_NE(held, nullptr);
     lib_itc_channel_ref(held);

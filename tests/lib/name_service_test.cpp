@@ -226,11 +226,11 @@ TEST(ItcNameService, ConcurrentFirstCallsCreateOneServiceAndTheMutexGuardsIt) {
       for (int r = 0; svc != nullptr && r < kRounds; ++r) {
         uint32_t h = 0;
         {
-          lib_itc_lock lock;
+          lib_lock lock(lib_itc_channel_mutex);
           ASSERT_NE(lib_name_service_insert(svc, &h, "shared", 0), nullptr);
           *lib_name_service_slot(svc, h) = &seen[t];
         }
-        lib_itc_lock lock;
+        lib_lock lock(lib_itc_channel_mutex);
         found += *lib_name_service_slot(svc, h) == &seen[t] ? 1 : 0;
         lib_name_service_remove(svc, h);
       }
