@@ -38,9 +38,9 @@
  * and closes happened. They count against neither the byte budget nor queue_len, so they are
  * never refused for want of room while the receiver lives (the platform queue's own limit,
  * KRO_DM_WATCHED_QUEUE_LEN_MAX, is what bounds them). One that still can't be posted is dropped
- * with an error trace point on lib_amdt from "lib_itc_post_msg": "malloc failed\n" (code 12) or
- * "kro_dm_watched_queue_enqueue failed\n" (the enqueue's code). Nothing is traced for a
- * receiver that is itself closing.
+ * with an error trace point on lib_amdt from "lib_itc_post_msg": "malloc failed\n" (code
+ * LIB_ITC_ENOMEM) or "kro_dm_watched_queue_enqueue failed\n" (the enqueue's code). Nothing is
+ * traced for a receiver that is itself closing.
  *
  * Budget. A channel accepts data messages while the payload bytes queued for it (not yet
  * received, discarded or freed) stay within max_bytes (equal allowed; the sum never wraps) and
@@ -56,8 +56,8 @@
  * the channel's own manager; at its next dispatch step, on the own thread, the queue is
  * deregistered and destroyed and the record freed (by a late sender instead if it still holds
  * the record; its send then fails with KRO_DM_ENOTCONN and the message stays its own). From the
- * close on, the handle is unknown (22) to close, receive, connection events and sends to it.
- * Timer failures are traced on lib_amdt (error level): "kro_dm_timer_register failed\n" and
+ * close on, the handle is unknown (LIB_ITC_EINVAL) to close, receive, connection events and sends
+ * to it. Timer failures are traced on lib_amdt (error level): "kro_dm_timer_register failed\n" and
  * "kro_dm_timer_settime failed\n" from "lib_itc_queue_entry_destroy",
  * "kro_dm_timer_register (delete) failed\n" from "lib_itc_cleanup_timer_handler", each with the
  * failing call's result; the clean-up then still happens, carried by the channel's own queue.
@@ -130,14 +130,14 @@ typedef void (*lib_itc_callback_t)(uint32_t handle, uint32_t type, void *cookie)
  * defaults. The channel's queue is registered with `dm`, which must outlive the channel's
  * clean-up; `callback(handle, type, cookie)` runs in dm's dispatch step. Peers are told as
  * described above.
- * Returns 0 with *handle written. On failure nothing is written, nothing stays bound or
+ * Returns LIB_ITC_OK with *handle written. On failure nothing is written, nothing stays bound or
  * allocated (the process-wide name service excepted, which the first call creates even when it
- * rejects its arguments), and the result is: 22 for a NULL handle address, name, dispatch
- * manager or callback; 12 when the name service or the record can't be allocated; 16 when the
- * name has a server, has no free client slot, or can't be bound (all 65535 ids bound, or no
- * memory for the name's entry); the dispatch manager's code when the queue can't be created (e.g.
- * KRO_DM_EINVAL for a queue_len of 0 or above KRO_DM_WATCHED_QUEUE_LEN_MAX, KRO_DM_ENOMEM)
- * or registered. Any thread. */
+ * rejects its arguments), and the result is: LIB_ITC_EINVAL for a NULL handle address, name,
+ * dispatch manager or callback; LIB_ITC_ENOMEM when the name service or the record can't be
+ * allocated; LIB_ITC_EBUSY when the name has a server, has no free client slot, or can't be bound
+ * (all 65535 ids bound, or no memory for the name's entry); the dispatch manager's code when the
+ * queue can't be created (e.g. KRO_DM_EINVAL for a queue_len of 0 or above
+ * KRO_DM_WATCHED_QUEUE_LEN_MAX, KRO_DM_ENOMEM) or registered. Any thread. */
 ZEL_API uint32_t lib_itc_open(uint32_t *handle, const char *name, int32_t role,
                               const lib_itc_attr_t *attr, kro_dm_t *dm, lib_itc_callback_t callback,
                               void *cookie);
@@ -145,9 +145,9 @@ ZEL_API uint32_t lib_itc_open(uint32_t *handle, const char *name, int32_t role,
 /* Closes the channel *handle: tells the peers, releases the binding (a server leaving with no
  * client bound releases the name; one leaving clients keeps the name and its id for them) and
  * schedules the clean-up on the channel's own dispatch manager.
- * Returns 0 and sets *handle to 0 (also when the clean-up's timer fails: that shows only as a
- * trace point, and the clean-up still happens). Returns 22 and changes nothing for a NULL
- * address, a missing name service or an unknown handle (closing twice included). Any thread,
+ * Returns LIB_ITC_OK and sets *handle to 0 (also when the clean-up's timer fails: that shows only
+ * as a trace point, and the clean-up still happens). Returns LIB_ITC_EINVAL and changes nothing for
+ * a NULL address, a missing name service or an unknown handle (closing twice included). Any thread,
  * the channel's own callback included. Once it has returned, the caller may free the name
  * string it opened with; the manager may be destroyed once the clean-up has run on it. */
 ZEL_API int lib_itc_close(uint32_t *handle);
@@ -155,50 +155,51 @@ ZEL_API int lib_itc_close(uint32_t *handle);
 /* Allocates a data message of `length` payload bytes for channel `handle` (any handle of a
  * bound name; its slot is not looked at, bits 8 to 15 must be 0) and writes the payload's address
  * (just past the header; length 0 gives an empty payload). The message is the caller's: send it or
- * free it. Returns 0; 22 with nothing written for a NULL address, a missing name service or an
- * unbound name id; 12 with nothing written when the block can't be allocated. Any thread. */
+ * free it. Returns LIB_ITC_OK; LIB_ITC_EINVAL with nothing written for a NULL address, a missing
+ * name service or an unbound name id; LIB_ITC_ENOMEM with nothing written when the block can't be
+ * allocated. Any thread. */
 ZEL_API int lib_itc_alloc(uint32_t handle, uint32_t length, void **payload);
 
 /* Frees a data message by its payload address: one allocated by lib_itc_alloc, or one taken by
  * lib_itc_receive. `handle` is any channel handle, whether or not its name is still bound: a
  * message can always be given back, even after every channel of its name has closed.
- * Returns 0; 22 and frees nothing for a missing name service, a handle never handed out (id 0,
- * or bits 8 to 15 set), a NULL payload or a header whose type is not LIB_ITC_MSG_DATA (a
- * notification's or a connection event's address). Any thread. */
+ * Returns LIB_ITC_OK; LIB_ITC_EINVAL and frees nothing for a missing name service, a handle never
+ * handed out (id 0, or bits 8 to 15 set), a NULL payload or a header whose type is not
+ * LIB_ITC_MSG_DATA (a notification's or a connection event's address). Any thread. */
 ZEL_API int lib_itc_free(uint32_t handle, void *payload);
 
 /* Sends a data message from channel `handle`. A client's message goes to the server of its
  * name (`destination` is ignored); the server's goes to `destination`, a client handle of its
  * own name. The receiver sees the handle the message was allocated with as its sender.
- * Returns 0 and the message belongs to the destination. Otherwise the message is unchanged and
- * still the sender's, and the result is: 22 for a missing name service, a sender whose name
- * id is not bound (the sender's slot itself is not checked: any handle of a bound name may
- * send as a client of that name), a server sending to 0, to a handle of another name or to one with
- * bits 8 to 15 set, a missing destination channel (no server, or a free or not yet filled slot), a
- * NULL payload or a non-data header; 28 when the destination's budget would be exceeded;
- * KRO_DM_EAGAIN when it holds queue_len data messages; the enqueue's code (KRO_DM_ENOTCONN for a
- * destination being closed). Any thread. */
+ * Returns LIB_ITC_OK and the message belongs to the destination. Otherwise the message is unchanged
+ * and still the sender's, and the result is: LIB_ITC_EINVAL for a missing name service, a sender
+ * whose name id is not bound (the sender's slot itself is not checked: any handle of a bound name
+ * may send as a client of that name), a server sending to 0, to a handle of another name or to one
+ * with bits 8 to 15 set, a missing destination channel (no server, or a free or not yet filled
+ * slot), a NULL payload or a non-data header; LIB_ITC_ENOSPC when the destination's budget would be
+ * exceeded; KRO_DM_EAGAIN when it holds queue_len data messages; the enqueue's code
+ * (KRO_DM_ENOTCONN for a destination being closed). Any thread. */
 ZEL_API int lib_itc_send(uint32_t handle, uint32_t destination, void *payload);
 
 /* Takes the next data message of channel `handle`: the one being delivered to the callback
  * (current), else the next one in the queue. Writes the sender's handle, the payload address
  * and its length; the message is then the caller's, to free with lib_itc_free, and its bytes
  * leave the budget.
- * Returns 0 with all three written. Otherwise nothing is written: 22 for NULL addresses, a
- * missing name service or an unknown handle; 11 when a message is set aside (pending), when
- * the current one is of another kind (it stays current), or when the one dequeued is of
- * another kind (it is set aside and delivered later by the handler); KRO_DM_ENOMSG when
- * nothing is queued. The channel's own thread only. */
+ * Returns LIB_ITC_OK with all three written. Otherwise nothing is written: LIB_ITC_EINVAL for NULL
+ * addresses, a missing name service or an unknown handle; LIB_ITC_EAGAIN when a message is set
+ * aside (pending), when the current one is of another kind (it stays current), or when the one
+ * dequeued is of another kind (it is set aside and delivered later by the handler); KRO_DM_ENOMSG
+ * when nothing is queued. The channel's own thread only. */
 ZEL_API int lib_itc_receive(uint32_t handle, uint32_t *sender, void **payload, uint32_t *length);
 
 /* Takes the next connection event of server channel `handle`, as lib_itc_receive takes data
  * messages. *event is first set to 0 (when the address is not NULL).
- * Returns 0 with *event (LIB_ITC_MSG_CONNECT: the client came; LIB_ITC_MSG_DISCONNECT: it
+ * Returns LIB_ITC_OK with *event (LIB_ITC_MSG_CONNECT: the client came; LIB_ITC_MSG_DISCONNECT: it
  * left) and *client written, the event's message freed. Otherwise *client is untouched and the
- * result is: 22 for a NULL address, a missing name service or an unknown handle; 11 for a
- * message of another kind (as for lib_itc_receive); KRO_DM_ENOMSG when nothing is queued. A
- * client channel, whose queue never holds connection events, gets 11 or KRO_DM_ENOMSG. The
- * channel's own thread only. */
+ * result is: LIB_ITC_EINVAL for a NULL address, a missing name service or an unknown handle;
+ * LIB_ITC_EAGAIN for a message of another kind (as for lib_itc_receive); KRO_DM_ENOMSG when nothing
+ * is queued. A client channel, whose queue never holds connection events, gets LIB_ITC_EAGAIN or
+ * KRO_DM_ENOMSG. The channel's own thread only. */
 ZEL_API int lib_itc_get_connection_event(uint32_t handle, uint32_t *event, uint32_t *client);
 
 ZEL_END_DECLS
