@@ -90,7 +90,7 @@ caught=0
 missed=()
 while IFS= read -r line; do
   # Split on '|' not preceded by a backslash.
-  IFS=$'\x1f' read -r name file text replacement what < <(printf '%s' "$line" | sed 's/\([^\\]\)|/\1\x1f/g')
+  IFS=$'\x1f' read -r name file text replacement what < <(printf '%s\n' "$line" | sed 's/\([^\\]\)|/\1\x1f/g')
   if [ ${#wanted[@]} -gt 0 ] && [[ ! " ${wanted[*]} " == *" $name "* ]]; then
     continue
   fi
