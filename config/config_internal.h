@@ -10,6 +10,18 @@
 #include <cstdint>
 #include <cstring>
 
+// Code fields of the family's trace points. A code says what refused and is not always the
+// result: an overlong OID traces zel_cfg_trace_too_long and returns ZEL_CFG_EOID, a failed
+// provider part allocation traces zel_cfg_trace_no_memory and the add returns
+// ZEL_CFG_EPROVIDER, and the three mismatches all return ZEL_CFG_EMISMATCH.
+constexpr int32_t zel_cfg_trace_too_long = 3;
+constexpr int32_t zel_cfg_trace_no_memory = 5;
+constexpr int32_t zel_cfg_trace_unknown_type = 26;
+constexpr int32_t zel_cfg_trace_list_full = 28;
+constexpr int32_t zel_cfg_trace_instance_list_name = 44;
+constexpr int32_t zel_cfg_trace_object_list_name = 45;
+constexpr int32_t zel_cfg_trace_type_mismatch = 46;
+
 // What zel_util_config_create allocates: the public object first, so that a
 // zel_util_config_t * and the zel_cfg_object_t * around it are the same address, then what the
 // library keeps for itself.

@@ -48,7 +48,8 @@ char *zel_util_config_string_get(zel_util_config_t *config) {
   }
   config->config_str = buf;
   if (buf == nullptr) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+              "memory allocation failed\n");
     return nullptr;
   }
 

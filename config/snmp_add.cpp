@@ -18,7 +18,8 @@ bool initialize_prov_cfg(zel_util_config_t *config) {
       config->prov_cfg_strcat == nullptr) {
     config->prov_cfg = calloc(1, sizeof(zel_snmp_prov_cfg_t));
     if (config->prov_cfg == nullptr) {
-      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+                "memory allocation failed\n");
       return false;
     }
     config->prov_cfg_free = snmp_prov_cfg_free;
@@ -46,7 +47,7 @@ int32_t zel_util_snmp_add_context(zel_util_config_t *config, const char *context
     return ZEL_CFG_EMISSING;
   }
   if (zel_snmp_too_long(context, ZEL_SNMP_CONTEXT_MAX)) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
               "context string exceeded max limit\n");
     return ZEL_CFG_ETOOLONG;
   }
@@ -69,7 +70,7 @@ int32_t zel_util_snmp_add_object(zel_util_config_t *config, const char *object_l
   }
   if (zel_snmp_too_long(object_list_name, ZEL_SNMP_LIST_NAME_MAX) ||
       zel_snmp_too_long(object, ZEL_SNMP_OBJECT_MAX)) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
               "object list name/object string exceeds max limit\n");
     return ZEL_CFG_ETOOLONG;
   }
@@ -84,18 +85,20 @@ int32_t zel_util_snmp_add_object(zel_util_config_t *config, const char *object_l
       kro_queue_init(&prov->object_list, ZEL_SNMP_LIST_CAPACITY);
     }
   } else if (strcmp(object_list_name, prov->object_list_name) != 0) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 45, "different object list name\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_object_list_name,
+              "different object list name\n");
     return ZEL_CFG_EMISMATCH;
   }
   auto *elem = static_cast<zel_snmp_object_t *>(calloc(1, sizeof(zel_snmp_object_t)));
   if (elem == nullptr) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+              "memory allocation failed\n");
     return ZEL_CFG_ENOMEM;
   }
   zel_cfg_copy(elem->object, sizeof elem->object, object);
   if (kro_queue_enqueue(&prov->object_list, elem) == 0) {
     free(elem);
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_EFULL, "object list full\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_list_full, "object list full\n");
     return ZEL_CFG_EFULL;
   }
   return ZEL_CFG_OK;
@@ -108,14 +111,14 @@ int32_t zel_util_snmp_add_instance(zel_util_config_t *config, const char *instan
     return ZEL_CFG_EPROVIDER;
   }
   if (zel_snmp_too_long(instance_list_name, ZEL_SNMP_LIST_NAME_MAX)) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
               "instance list name exceeded max limit\n");
     return ZEL_CFG_ETOOLONG;
   }
   switch (type) {
     case ZEL_SNMP_INSTANCE_WILDCARD:
       if (oid != nullptr && zel_snmp_too_long(oid, ZEL_SNMP_OID_MAX)) {
-        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
                   "wildcard oid exceeded max limit\n");
         return ZEL_CFG_EOID;
       }
@@ -125,7 +128,7 @@ int32_t zel_util_snmp_add_instance(zel_util_config_t *config, const char *instan
         return ZEL_CFG_EOID;
       }
       if (zel_snmp_too_long(end_oid, ZEL_SNMP_OID_MAX)) {
-        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
                   "end oid exceeded max limit\n");
         return ZEL_CFG_EOID;
       }
@@ -136,13 +139,13 @@ int32_t zel_util_snmp_add_instance(zel_util_config_t *config, const char *instan
         return ZEL_CFG_EOID;
       }
       if (zel_snmp_too_long(oid, ZEL_SNMP_OID_MAX)) {
-        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
                   "start oid exceeded max limit\n");
         return ZEL_CFG_EOID;
       }
       break;
     default:
-      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 26, "unknown type\n");
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_unknown_type, "unknown type\n");
       return ZEL_CFG_ETYPE;
   }
   if (!initialize_prov_cfg(config)) {
@@ -154,7 +157,7 @@ int32_t zel_util_snmp_add_instance(zel_util_config_t *config, const char *instan
     // and with their type, which a renaming call cannot change while any are held.
     const bool held = kro_queue_size(&prov->instance_list) != 0;
     if (held && type != prov->instance_type) {
-      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 46, "type mismatch\n");
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_type_mismatch, "type mismatch\n");
       return ZEL_CFG_EMISMATCH;
     }
     zel_cfg_copy(prov->instance_list_name, sizeof prov->instance_list_name, instance_list_name);
@@ -163,15 +166,17 @@ int32_t zel_util_snmp_add_instance(zel_util_config_t *config, const char *instan
       kro_queue_init(&prov->instance_list, ZEL_SNMP_LIST_CAPACITY);
     }
   } else if (strcmp(instance_list_name, prov->instance_list_name) != 0) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 44, "instance list name mismatch\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_instance_list_name,
+              "instance list name mismatch\n");
     return ZEL_CFG_EMISMATCH;
   } else if (type != prov->instance_type) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 46, "type mismatch\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_type_mismatch, "type mismatch\n");
     return ZEL_CFG_EMISMATCH;
   }
   auto *elem = static_cast<zel_snmp_instance_t *>(calloc(1, sizeof(zel_snmp_instance_t)));
   if (elem == nullptr) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+              "memory allocation failed\n");
     return ZEL_CFG_ENOMEM;
   }
   switch (type) {
@@ -191,7 +196,7 @@ int32_t zel_util_snmp_add_instance(zel_util_config_t *config, const char *instan
   }
   if (kro_queue_enqueue(&prov->instance_list, elem) == 0) {
     free(elem);
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_EFULL, "instance list full\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_list_full, "instance list full\n");
     return ZEL_CFG_EFULL;
   }
   return ZEL_CFG_OK;
