@@ -7,13 +7,13 @@
 
 extern "C" {
 
-// dst is the start of the buffer: the end of its text is found by scanning, since an external
-// provider's call carries no buffer size.
+// A writer's pass of one piece: the end of the text in dst is found by scanning it.
 void cfg_strcat(char *dst, const char *src, int32_t *counter) {
   if (src == nullptr || counter == nullptr) {
     return;
   }
-  zel_cfg_append(dst, -1, src, strlen(src), counter);
+  zel_cfg_writer_t w{dst, counter};
+  w.put(src);
 }
 
 }  // extern "C"

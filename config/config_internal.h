@@ -1,5 +1,5 @@
 // Configuration family internals shared by its files: the private bookkeeping around the public
-// object, the SNMP provider part and its list elements, and the position-tracking append path.
+// object, the SNMP provider part and its list elements, and the append path of both passes.
 #ifndef ZEL_CONFIG_CONFIG_INTERNAL_H_
 #define ZEL_CONFIG_CONFIG_INTERNAL_H_
 
@@ -10,6 +10,18 @@
 #include <cstdint>
 #include <cstring>
 
+// Code fields of the family's trace points. A code says what refused and is not always the
+// result: an overlong OID traces zel_cfg_trace_too_long and returns ZEL_CFG_EOID, a failed
+// provider part allocation traces zel_cfg_trace_no_memory and the add returns
+// ZEL_CFG_EPROVIDER, and the three mismatches all return ZEL_CFG_EMISMATCH.
+constexpr int32_t zel_cfg_trace_too_long = 3;
+constexpr int32_t zel_cfg_trace_no_memory = 5;
+constexpr int32_t zel_cfg_trace_unknown_type = 26;
+constexpr int32_t zel_cfg_trace_list_full = 28;
+constexpr int32_t zel_cfg_trace_instance_list_name = 44;
+constexpr int32_t zel_cfg_trace_object_list_name = 45;
+constexpr int32_t zel_cfg_trace_type_mismatch = 46;
+
 // What zel_util_config_create allocates: the public object first, so that a
 // zel_util_config_t * and the zel_cfg_object_t * around it are the same address, then what the
 // library keeps for itself.
@@ -18,10 +30,6 @@ struct zel_cfg_object_t {
   // The string that the last build replaced: still valid for readers until the next build or
   // destruction, then freed.
   char *prev_str;
-  // The buffer of the write pass under way and its size, so that the library's own writers
-  // append at a tracked position instead of scanning the buffer; NULL / 0 outside a write pass.
-  char *write_buf;
-  int32_t write_size;
 };
 
 inline zel_cfg_object_t *zel_cfg_object_of(zel_util_config_t *config) {
@@ -64,46 +72,40 @@ inline void zel_cfg_copy(char *dst, size_t cap, const char *src) {
   dst[n] = '\0';
 }
 
-// One append of the two-pass protocol, with the semantics of cfg_strcat. In a write pass the
-// end of the text is found from the counter when the buffer's size is known (size >= 0): the
-// text written so far is size - counter characters long, because every append either lowers
-// the counter by what it wrote or writes the last byte that fits and leaves 0. With size < 0
-// the end is found by scanning dst, as an external provider's cfg_strcat call needs.
-inline void zel_cfg_append(char *dst, int32_t size, const char *src, size_t len, int32_t *counter) {
-  const int32_t c = *counter;
-  if (dst == nullptr) {
-    const int64_t sum = static_cast<int64_t>(c) + static_cast<int64_t>(len);
-    *counter = sum > INT32_MAX || len > static_cast<size_t>(INT32_MAX) ? INT32_MAX
-                                                                       : static_cast<int32_t>(sum);
-    return;
-  }
-  if (c <= 1) {
-    *counter = 0;  // no room left but the terminator's byte, which the text already has
-    return;
-  }
-  const size_t room = static_cast<size_t>(c) - 1;
-  char *end = size >= c ? dst + (size - c) : dst + strlen(dst);
-  const size_t n = len < room ? len : room;
-  memcpy(end, src, n);
-  end[n] = '\0';
-  *counter = len < room ? c - static_cast<int32_t>(len) : 0;
-}
-
-// The appender of one pass of a library-owned writer (the header and the SNMP text): knows the
-// buffer's size when dst is the buffer of the object's write pass under way.
+// One writer's pass over the configuration string, appending piece by piece with the semantics
+// of cfg_strcat: the count pass (dst NULL) and the write pass make the same calls, and only the
+// write pass stores bytes. The end of the text in dst is found by one scan at the first piece
+// there is room for and then carried forward, which lands where cfg_strcat's scan before every
+// piece would: each piece leaves dst terminated right after what it stored.
 struct zel_cfg_writer_t {
-  char *dst;
-  int32_t size;  // -1: unknown, scan dst
-  int32_t *counter;
+  char *dst;            // NULL in the count pass
+  int32_t *counter;     // the length so far, or the room left with the terminator's byte
+  char *end = nullptr;  // end of the text in dst; NULL until found
 
-  zel_cfg_writer_t(zel_util_config_t *config, char *d, int32_t *c) : dst(d), size(-1), counter(c) {
-    const zel_cfg_object_t *obj = zel_cfg_object_of(config);
-    if (d != nullptr && obj->write_buf == d) {
-      size = obj->write_size;
+  void put(const char *src, size_t len) {
+    const int32_t c = *counter;
+    if (dst == nullptr) {
+      const int64_t sum = static_cast<int64_t>(c) + static_cast<int64_t>(len);
+      *counter = sum > INT32_MAX || len > static_cast<size_t>(INT32_MAX)
+                     ? INT32_MAX
+                     : static_cast<int32_t>(sum);
+      return;
     }
+    if (c <= 1) {
+      *counter = 0;  // no room left but the terminator's byte, which the text already has
+      return;
+    }
+    if (end == nullptr) {
+      end = dst + strlen(dst);
+    }
+    const size_t room = static_cast<size_t>(c) - 1;
+    const size_t n = len < room ? len : room;
+    memcpy(end, src, n);
+    end += n;
+    *end = '\0';
+    *counter = len < room ? c - static_cast<int32_t>(len) : 0;
   }
-  void put(const char *s, size_t n) const { zel_cfg_append(dst, size, s, n, counter); }
-  void put(const char *s) const { put(s, strlen(s)); }
+  void put(const char *src) { put(src, strlen(src)); }
 };
 
 #endif  // ZEL_CONFIG_CONFIG_INTERNAL_H_

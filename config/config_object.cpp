@@ -17,13 +17,14 @@ zel_util_config_t *zel_util_config_create(const char *location, const char *prov
   const size_t loc_len = strnlen(location, ZEL_CFG_LOCATION_MAX + 1);
   const size_t prov_len = strnlen(provider, ZEL_CFG_PROVIDER_MAX + 1);
   if (loc_len > ZEL_CFG_LOCATION_MAX || prov_len > ZEL_CFG_PROVIDER_MAX) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
               "location/provider string exceeded max limit\n");
     return nullptr;
   }
   auto *obj = static_cast<zel_cfg_object_t *>(calloc(1, sizeof(zel_cfg_object_t)));
   if (obj == nullptr) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failure\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+              "memory allocation failure\n");
     return nullptr;
   }
   // Zero-filled: config_str, the provider part and its operations start NULL.

@@ -13,7 +13,7 @@ void cfg_loc_prov_strcat(zel_util_config_t *config, char *dst, int32_t *counter)
   if (config == nullptr) {
     return;
   }
-  const zel_cfg_writer_t w(config, dst, counter);
+  zel_cfg_writer_t w{dst, counter};
   w.put("/", 1);
   w.put(config->location);
   w.put("/", 1);
@@ -48,17 +48,14 @@ char *zel_util_config_string_get(zel_util_config_t *config) {
   }
   config->config_str = buf;
   if (buf == nullptr) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+              "memory allocation failed\n");
     return nullptr;
   }
 
   int32_t left = count + 1;
-  obj->write_buf = buf;
-  obj->write_size = left;
   cfg_loc_prov_strcat(config, buf, &left);
   config->prov_cfg_strcat(config, buf, &left);
-  obj->write_buf = nullptr;
-  obj->write_size = 0;
   return buf;
 }
 

@@ -18,7 +18,8 @@ bool initialize_prov_cfg(zel_util_config_t *config) {
       config->prov_cfg_strcat == nullptr) {
     config->prov_cfg = calloc(1, sizeof(zel_snmp_prov_cfg_t));
     if (config->prov_cfg == nullptr) {
-      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+                "memory allocation failed\n");
       return false;
     }
     config->prov_cfg_free = snmp_prov_cfg_free;
@@ -37,6 +38,100 @@ bool zel_snmp_too_long(const char *s, size_t max) {
   return strnlen(s, max + 1) > max;
 }
 
+// Appends `elem` at the tail of `list`; a list that refuses it (full) gets it freed instead.
+bool zel_snmp_append(kro_queue_t *list, void *elem) {
+  if (kro_queue_enqueue(list, elem) == 0) {
+    free(elem);
+    return false;
+  }
+  return true;
+}
+
+// The outcome of checking an instance's OIDs against its type. The add operation reports each
+// refusal itself, so that its trace point carries the operation's name.
+enum class zel_snmp_oids {
+  ok,
+  missing,
+  wildcard_too_long,
+  end_too_long,
+  start_too_long,
+  unknown_type
+};
+
+// The OIDs the type requires, in this order: a range's end OID, then the OID of an exact,
+// repeat or range instance; a wildcard's OID only when it is given.
+zel_snmp_oids zel_snmp_check_oids(zel_snmp_instance_type_t type, const char *oid,
+                                  const char *end_oid) {
+  switch (type) {
+    case ZEL_SNMP_INSTANCE_WILDCARD:
+      return oid != nullptr && zel_snmp_too_long(oid, ZEL_SNMP_OID_MAX)
+                 ? zel_snmp_oids::wildcard_too_long
+                 : zel_snmp_oids::ok;
+    case ZEL_SNMP_INSTANCE_RANGE:
+      if (end_oid == nullptr) {
+        return zel_snmp_oids::missing;
+      }
+      if (zel_snmp_too_long(end_oid, ZEL_SNMP_OID_MAX)) {
+        return zel_snmp_oids::end_too_long;
+      }
+      [[fallthrough]];
+    case ZEL_SNMP_INSTANCE_EXACT:
+    case ZEL_SNMP_INSTANCE_REPEAT:
+      if (oid == nullptr) {
+        return zel_snmp_oids::missing;
+      }
+      return zel_snmp_too_long(oid, ZEL_SNMP_OID_MAX) ? zel_snmp_oids::start_too_long
+                                                      : zel_snmp_oids::ok;
+    default:
+      return zel_snmp_oids::unknown_type;
+  }
+}
+
+// The outcome of naming the instance list or checking an instance against it.
+enum class zel_snmp_naming { named, name_differs, type_differs };
+
+// An unnamed list takes the name and the type; a named one must match both, name first.
+zel_snmp_naming zel_snmp_name_instance_list(zel_snmp_prov_cfg_t *prov, const char *name,
+                                            zel_snmp_instance_type_t type) {
+  if (prov->instance_list_name[0] != '\0') {
+    if (strcmp(name, prov->instance_list_name) != 0) {
+      return zel_snmp_naming::name_differs;
+    }
+    return type == prov->instance_type ? zel_snmp_naming::named : zel_snmp_naming::type_differs;
+  }
+  // Naming (again, after an empty name): instances already in the list stay, under this name
+  // and with their type, which a renaming call cannot change while any are held.
+  const bool held = kro_queue_size(&prov->instance_list) != 0;
+  if (held && type != prov->instance_type) {
+    return zel_snmp_naming::type_differs;
+  }
+  zel_cfg_copy(prov->instance_list_name, sizeof prov->instance_list_name, name);
+  prov->instance_type = type;
+  if (!held) {
+    kro_queue_init(&prov->instance_list, ZEL_SNMP_LIST_CAPACITY);
+  }
+  return zel_snmp_naming::named;
+}
+
+// A zero-filled instance holding what its (checked) type uses: a range's two OIDs, a repeat's
+// OID and count, an exact OID, or a wildcard's OID when given. NULL when allocation fails.
+zel_snmp_instance_t *zel_snmp_instance_new(zel_snmp_instance_type_t type, const char *oid,
+                                           const char *end_oid, int32_t repeat_count) {
+  auto *elem = static_cast<zel_snmp_instance_t *>(calloc(1, sizeof(zel_snmp_instance_t)));
+  if (elem == nullptr) {
+    return nullptr;
+  }
+  if (oid != nullptr) {
+    zel_cfg_copy(elem->oid, sizeof elem->oid, oid);
+  }
+  if (type == ZEL_SNMP_INSTANCE_RANGE) {
+    zel_cfg_copy(elem->end_oid, sizeof elem->end_oid, end_oid);
+  } else if (type == ZEL_SNMP_INSTANCE_REPEAT) {
+    elem->repeat_count = repeat_count;
+  }
+  return elem;
+}
+
 }  // namespace
 
 extern "C" {
@@ -46,7 +141,7 @@ int32_t zel_util_snmp_add_context(zel_util_config_t *config, const char *context
     return ZEL_CFG_EMISSING;
   }
   if (zel_snmp_too_long(context, ZEL_SNMP_CONTEXT_MAX)) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
               "context string exceeded max limit\n");
     return ZEL_CFG_ETOOLONG;
   }
@@ -69,7 +164,7 @@ int32_t zel_util_snmp_add_object(zel_util_config_t *config, const char *object_l
   }
   if (zel_snmp_too_long(object_list_name, ZEL_SNMP_LIST_NAME_MAX) ||
       zel_snmp_too_long(object, ZEL_SNMP_OBJECT_MAX)) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
               "object list name/object string exceeds max limit\n");
     return ZEL_CFG_ETOOLONG;
   }
@@ -84,18 +179,19 @@ int32_t zel_util_snmp_add_object(zel_util_config_t *config, const char *object_l
       kro_queue_init(&prov->object_list, ZEL_SNMP_LIST_CAPACITY);
     }
   } else if (strcmp(object_list_name, prov->object_list_name) != 0) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 45, "different object list name\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_object_list_name,
+              "different object list name\n");
     return ZEL_CFG_EMISMATCH;
   }
   auto *elem = static_cast<zel_snmp_object_t *>(calloc(1, sizeof(zel_snmp_object_t)));
   if (elem == nullptr) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+              "memory allocation failed\n");
     return ZEL_CFG_ENOMEM;
   }
   zel_cfg_copy(elem->object, sizeof elem->object, object);
-  if (kro_queue_enqueue(&prov->object_list, elem) == 0) {
-    free(elem);
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_EFULL, "object list full\n");
+  if (!zel_snmp_append(&prov->object_list, elem)) {
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_list_full, "object list full\n");
     return ZEL_CFG_EFULL;
   }
   return ZEL_CFG_OK;
@@ -108,90 +204,54 @@ int32_t zel_util_snmp_add_instance(zel_util_config_t *config, const char *instan
     return ZEL_CFG_EPROVIDER;
   }
   if (zel_snmp_too_long(instance_list_name, ZEL_SNMP_LIST_NAME_MAX)) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
               "instance list name exceeded max limit\n");
     return ZEL_CFG_ETOOLONG;
   }
-  switch (type) {
-    case ZEL_SNMP_INSTANCE_WILDCARD:
-      if (oid != nullptr && zel_snmp_too_long(oid, ZEL_SNMP_OID_MAX)) {
-        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
-                  "wildcard oid exceeded max limit\n");
-        return ZEL_CFG_EOID;
-      }
+  switch (zel_snmp_check_oids(type, oid, end_oid)) {
+    case zel_snmp_oids::ok:
       break;
-    case ZEL_SNMP_INSTANCE_RANGE:
-      if (end_oid == nullptr) {
-        return ZEL_CFG_EOID;
-      }
-      if (zel_snmp_too_long(end_oid, ZEL_SNMP_OID_MAX)) {
-        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
-                  "end oid exceeded max limit\n");
-        return ZEL_CFG_EOID;
-      }
-      [[fallthrough]];
-    case ZEL_SNMP_INSTANCE_EXACT:
-    case ZEL_SNMP_INSTANCE_REPEAT:
-      if (oid == nullptr) {
-        return ZEL_CFG_EOID;
-      }
-      if (zel_snmp_too_long(oid, ZEL_SNMP_OID_MAX)) {
-        ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ETOOLONG,
-                  "start oid exceeded max limit\n");
-        return ZEL_CFG_EOID;
-      }
-      break;
-    default:
-      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 26, "unknown type\n");
+    case zel_snmp_oids::missing:
+      return ZEL_CFG_EOID;
+    case zel_snmp_oids::wildcard_too_long:
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
+                "wildcard oid exceeded max limit\n");
+      return ZEL_CFG_EOID;
+    case zel_snmp_oids::end_too_long:
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
+                "end oid exceeded max limit\n");
+      return ZEL_CFG_EOID;
+    case zel_snmp_oids::start_too_long:
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_too_long,
+                "start oid exceeded max limit\n");
+      return ZEL_CFG_EOID;
+    case zel_snmp_oids::unknown_type:
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_unknown_type, "unknown type\n");
       return ZEL_CFG_ETYPE;
   }
   if (!initialize_prov_cfg(config)) {
     return ZEL_CFG_EPROVIDER;
   }
   zel_snmp_prov_cfg_t *prov = zel_snmp_prov_of(config);
-  if (prov->instance_list_name[0] == '\0') {
-    // Naming (again, after an empty name): instances already in the list stay, under this name
-    // and with their type, which a renaming call cannot change while any are held.
-    const bool held = kro_queue_size(&prov->instance_list) != 0;
-    if (held && type != prov->instance_type) {
-      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 46, "type mismatch\n");
+  switch (zel_snmp_name_instance_list(prov, instance_list_name, type)) {
+    case zel_snmp_naming::named:
+      break;
+    case zel_snmp_naming::name_differs:
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_instance_list_name,
+                "instance list name mismatch\n");
       return ZEL_CFG_EMISMATCH;
-    }
-    zel_cfg_copy(prov->instance_list_name, sizeof prov->instance_list_name, instance_list_name);
-    prov->instance_type = type;
-    if (!held) {
-      kro_queue_init(&prov->instance_list, ZEL_SNMP_LIST_CAPACITY);
-    }
-  } else if (strcmp(instance_list_name, prov->instance_list_name) != 0) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 44, "instance list name mismatch\n");
-    return ZEL_CFG_EMISMATCH;
-  } else if (type != prov->instance_type) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, 46, "type mismatch\n");
-    return ZEL_CFG_EMISMATCH;
+    case zel_snmp_naming::type_differs:
+      ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_type_mismatch, "type mismatch\n");
+      return ZEL_CFG_EMISMATCH;
   }
-  auto *elem = static_cast<zel_snmp_instance_t *>(calloc(1, sizeof(zel_snmp_instance_t)));
+  zel_snmp_instance_t *elem = zel_snmp_instance_new(type, oid, end_oid, repeat_count);
   if (elem == nullptr) {
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_ENOMEM, "memory allocation failed\n");
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_no_memory,
+              "memory allocation failed\n");
     return ZEL_CFG_ENOMEM;
   }
-  switch (type) {
-    case ZEL_SNMP_INSTANCE_RANGE:
-      zel_cfg_copy(elem->end_oid, sizeof elem->end_oid, end_oid);
-      zel_cfg_copy(elem->oid, sizeof elem->oid, oid);
-      break;
-    case ZEL_SNMP_INSTANCE_REPEAT:
-      zel_cfg_copy(elem->oid, sizeof elem->oid, oid);
-      elem->repeat_count = repeat_count;
-      break;
-    default:  // exact, or wildcard whose OID may be absent
-      if (oid != nullptr) {
-        zel_cfg_copy(elem->oid, sizeof elem->oid, oid);
-      }
-      break;
-  }
-  if (kro_queue_enqueue(&prov->instance_list, elem) == 0) {
-    free(elem);
-    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, ZEL_CFG_EFULL, "instance list full\n");
+  if (!zel_snmp_append(&prov->instance_list, elem)) {
+    ZEL_TRACE(zel_conf_str_amdt, ZEL_TRACE_ERROR, zel_cfg_trace_list_full, "instance list full\n");
     return ZEL_CFG_EFULL;
   }
   return ZEL_CFG_OK;

@@ -53,7 +53,7 @@ void snmp_prov_cfg_strcat(zel_util_config_t *config, char *dst, int32_t *counter
     return;
   }
   const auto *prov = static_cast<const zel_snmp_prov_cfg_t *>(config->prov_cfg);
-  const zel_cfg_writer_t w(config, dst, counter);
+  zel_cfg_writer_t w{dst, counter};
 
   w.put("/", 1);
   w.put(prov->object_list_name);

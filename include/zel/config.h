@@ -127,8 +127,8 @@ ZEL_API char *zel_util_config_string_get(zel_util_config_t *config);
  *     *counter - 1 characters (none when *counter <= 1), keeps dst terminated, then subtracts
  *     the length from *counter when it is less than *counter - 1, else sets *counter to 0.
  * So a piece that exactly fills the buffer leaves 0, and later appends of the pass add
- * nothing. The write pass finds the end of dst by scanning it; the library's own writers use
- * a position-tracking path that yields the same bytes. */
+ * nothing. The write pass finds the end of dst by scanning it; the library's own writers scan
+ * once per pass and carry the end forward, which yields the same bytes. */
 ZEL_API void cfg_strcat(char *dst, const char *src, int32_t *counter);
 
 /* Sets the SNMP context (0 to 256 characters), once.
