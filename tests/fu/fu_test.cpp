@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -123,13 +124,21 @@ TEST(FuLoop, HeartbeatsGoOnUntilAMessageOrTheExitState) {
   Loop l(1);
   const long before = zel_test::fault_live_blocks();
   l.open();
-  std::thread other([&l] {
+  // The exit state is set only once the first dequeue has returned with the message, and the
+  // second has gone on beating: however the threads are scheduled, the first call can't meet it.
+  std::atomic<unsigned> beats_at_return{0};
+  std::thread other([&l, &beats_at_return] {
     fu_probe_wait_heartbeats(5);
     l.send("late");
-    fu_probe_wait_heartbeats(10);
+    unsigned at = 0;
+    while ((at = beats_at_return.load()) == 0) {
+      std::this_thread::yield();
+    }
+    fu_probe_wait_heartbeats(at + 5);
     fu_probe_set_state(FU_STATE_EXIT);
   });
   EXPECT_EQ(zel_fu_dequeue(l.h, &l.ev), ZEL_FU_OK);
+  beats_at_return = fu_probe_heartbeats() + 1;  // never 0
   EXPECT_EQ(l.ev.msg.len, 4u);
   EXPECT_GE(l.stats().timer_runs, 4u);  // each wait but the last ended by the heartbeat timer
   EXPECT_EQ(l.stats().fd_runs, 1u);
