@@ -84,7 +84,7 @@ TEST(ItcLifetime, HandlerOfAClosedChannelNeverReadsTheRecordThatTookItsHandle) {
   uint32_t server = 0, c1 = 0, c2 = 0, x = 0, y = 0;
   ASSERT_EQ(lib_itc_open(&server, "uaf", LIB_ITC_SERVER, nullptr, a.dm, Recorder::callback, &srv),
             0u);
-  Recorder old_client;
+  Recorder old_client, new_client;
   ASSERT_EQ(
       lib_itc_open(&c1, "uaf", LIB_ITC_CLIENT, nullptr, b.dm, Recorder::callback, &old_client), 0u);
   std::function<void()> close_c2 = [&] {
@@ -98,7 +98,9 @@ TEST(ItcLifetime, HandlerOfAClosedChannelNeverReadsTheRecordThatTookItsHandle) {
     }
     ASSERT_EQ(lib_itc_close(&c1), 0);  // c1's handler is next in this dispatch step
     const uint32_t old = (id_of(server) << 16) | 1u;
-    ASSERT_EQ(lib_itc_open(&c2, "uaf", LIB_ITC_CLIENT, nullptr, d.dm, ignore, nullptr), 0u);
+    ASSERT_EQ(
+        lib_itc_open(&c2, "uaf", LIB_ITC_CLIENT, nullptr, d.dm, Recorder::callback, &new_client),
+        0u);
     ASSERT_EQ(c2, old);  // the newer client took the freed slot
     g_after_unlock = &close_c2;
   };
@@ -112,6 +114,10 @@ TEST(ItcLifetime, HandlerOfAClosedChannelNeverReadsTheRecordThatTookItsHandle) {
   pump(b.dm);
   EXPECT_EQ(g_after_unlock, nullptr);  // the hook ran
   EXPECT_EQ(c2, 0u);
+  // The old client's message went with its queue (it heard of its server only), and nothing
+  // reached the newer client, whose clean-up ran before any delivery.
+  EXPECT_TRUE(new_client.events().empty());
+  EXPECT_EQ(old_client.events(), std::vector<Event>{connected});
   for (uint32_t *h : {&x, &y, &server}) {
     EXPECT_EQ(lib_itc_close(h), 0);
   }
