@@ -15,7 +15,7 @@
 // which the found element names the next key (latency: each lookup waits for the last, as a
 // caller that uses what it found does).
 //
-//   scripts/bench.sh 3 build/default/bench/bench_hashset
+//   scripts/bench.sh -n 3 build/default/bench/bench_hashset
 //
 // At exit a "ratio:" line per case states kro's rate over each baseline's (above 1: kro is
 // faster); per_op is the time of one operation.

@@ -71,6 +71,22 @@ void wait_for_drain(const benchmark::State &state, Taken taken) {
   }
 }
 
+// The end of a stream on each sender: adds what it sent, then (unless a case failed) waits with
+// the others for the receiver to have taken it all. Thread 0 reports a receiver that failed.
+template <typename Receiver>
+void finish_stream(benchmark::State &state, uint64_t sent, const Receiver *receiver,
+                   const char *receiver_failed) {
+  g_tally.sent.fetch_add(sent, std::memory_order_acq_rel);
+  if (state.thread_index() == 0 && !receiver->ok()) {
+    state.SkipWithError(receiver_failed);
+    g_tally.senders_done.fetch_add(1);
+  } else if (!state.error_occurred()) {
+    wait_for_drain(state, [receiver] { return receiver->taken(); });
+  } else {
+    g_tally.senders_done.fetch_add(1);
+  }
+}
+
 // ---- Channels -----------------------------------------------------------------------------
 
 // A channel whose dispatch manager loop runs on a thread of its own. ok() tells whether the
@@ -233,15 +249,7 @@ void BM_ItcStream(benchmark::State &state) {
       }
       ++sent;
     }
-    g_tally.sent.fetch_add(sent, std::memory_order_acq_rel);
-    if (state.thread_index() == 0 && !g_itc_receiver->ok()) {
-      state.SkipWithError("kro_dm_create or lib_itc_open (server) failed");
-      g_tally.senders_done.fetch_add(1);
-    } else if (!state.error_occurred()) {
-      wait_for_drain(state, [] { return g_itc_receiver->taken(); });
-    } else {
-      g_tally.senders_done.fetch_add(1);
-    }
+    finish_stream(state, sent, g_itc_receiver, "kro_dm_create or lib_itc_open (server) failed");
   }
   state.SetItemsProcessed(static_cast<int64_t>(sent));
   if (state.thread_index() == 0) {
@@ -431,15 +439,8 @@ void BM_ZmqStream(benchmark::State &state) {
     }
     ++sent;
   }
-  g_tally.sent.fetch_add(sent, std::memory_order_acq_rel);
-  if (state.thread_index() == 0 && !g_zmq_receiver->ok()) {
-    state.SkipWithError("zmq_socket, zmq_setsockopt or zmq_bind (receiver) failed");
-    g_tally.senders_done.fetch_add(1);
-  } else if (!state.error_occurred()) {
-    wait_for_drain(state, [] { return g_zmq_receiver->taken(); });
-  } else {
-    g_tally.senders_done.fetch_add(1);
-  }
+  finish_stream(state, sent, g_zmq_receiver,
+                "zmq_socket, zmq_setsockopt or zmq_bind (receiver) failed");
   if (push != nullptr) {
     zmq_close(push);
   }
