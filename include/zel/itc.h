@@ -61,6 +61,9 @@
  * "kro_dm_timer_settime failed\n" from "lib_itc_queue_entry_destroy",
  * "kro_dm_timer_register (delete) failed\n" from "lib_itc_cleanup_timer_handler", each with the
  * failing call's result; the clean-up then still happens, carried by the channel's own queue.
+ * A thread that sent to a channel keeps its record (a few hundred bytes, its queue already
+ * emptied) after the clean-up, until the thread sends elsewhere, closes that channel itself or
+ * exits.
  *
  * Destroying a dispatch manager. Its owner may destroy it once the clean-up of every channel
  * opened on it has run there: the first dispatch step after each close. A close made on another
