@@ -35,13 +35,16 @@ snmp_agent_start() {
   fi
   mkdir -p "$dir/persist"
   # Values with the characters the renderings treat specially: a comma and double quotes
-  # (quoted and escaped), a backslash (escaped).
+  # (quoted and escaped), a backslash (escaped), and a line feed (quoted, so that a CSV
+  # record may span lines): the full output of a two-line extend command.
+  printf '#!/bin/sh\nprintf "first line\\nsecond line"\n' > "$dir/two_lines.sh"
   cat > "$dir/snmpd.conf" <<CONF
 rocommunity $SNMP_AGENT_COMMUNITY 127.0.0.1
 sysLocation "Lab 2, rack 3"
 sysContact ops\\team <ops@example.org>
 sysName zel-demo-agent
 sysServices 72
+extend zellines /bin/sh $dir/two_lines.sh
 CONF
   for try in 1 2 3 4 5 6 7 8; do
     port=$((20000 + (RANDOM % 40000)))

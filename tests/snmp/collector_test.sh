@@ -3,7 +3,7 @@
 #  - walks mib-2 and the enterprise subtree as CSV: exit 0, every value compared and none
 #    mismatched;
 #  - the agent's configured values come out in the library's formats (a comma and quotes:
-#    quoted and escaped; a backslash: escaped);
+#    quoted and escaped; a backslash: escaped; a line feed: quoted, the record spans lines);
 #  - the default subtrees as a table: exit 0 and 0 mismatches;
 #  - --help, an unknown option, and an agent that is not there (exit 3 and one line saying why).
 # Exit 77 (skipped) only when snmpd cannot run here. ZEL_COLLECTOR_WRAPPER (e.g. a valgrind
@@ -47,8 +47,12 @@ grep -q '^summary: ' "$work/walk.err" || fail "walk: no summary"
 [ ! -s "$work/walk.out" ] || fail "walk: standard output not empty with --output"
 head -n 1 "$work/walk.csv" | grep -qx 'oid,type,value' || fail "walk: no CSV header"
 values=$(sed -n 's/^summary: \([0-9]*\) values.*/\1/p' "$work/walk.err")
-lines=$(($(wc -l < "$work/walk.csv") - 1))
-[ "${values:-0}" -eq "$lines" ] || fail "walk: summary says ${values:-?} values, the CSV has $lines"
+# CSV records, not lines: a quoted value may hold line feeds. A record ends at a line feed
+# outside quotes; escaped backslashes and quotes are dropped before counting quotes.
+records=$(awk '{ gsub(/\\\\/, ""); gsub(/\\"/, ""); q = (q + gsub(/"/, "")) % 2
+  if (!q) n++ } END { print n - 1 }' "$work/walk.csv")
+[ "${values:-0}" -eq "$records" ] ||
+  fail "walk: summary says ${values:-?} values, the CSV has $records records"
 expect() { # expect LINE: the CSV holds exactly this line
   grep -qxF -- "$1" "$work/walk.csv" || fail "walk: expected line not found: $1"
 }
@@ -57,6 +61,9 @@ expect '1.3.6.1.2.1.1.6.0,STRING,"\"Lab 2, rack 3\""'
 expect '1.3.6.1.2.1.1.4.0,STRING,ops\\team <ops@example.org>'
 expect '1.3.6.1.2.1.1.7.0,INTEGER,72'
 expect '1.3.6.1.2.1.4.20.1.1.127.0.0.1,IpAddress,"127.0.0.1"'
+# nsExtendOutputFull of the agent's two-line extend command: one quoted value over two lines.
+grep -qzF -- $'8.122.101.108.108.105.110.101.115,STRING,"first line\nsecond line"\n' "$work/walk.csv" ||
+  fail "walk: the two-line value is not one quoted record"
 grep -Eq '^1\.3\.6\.1\.2\.1\.1\.2\.0,OID,1\.3\.6\.1\.4\.1\.[0-9.]+$' "$work/walk.csv" ||
   fail "walk: sysObjectID not rendered as a dotted OID"
 
