@@ -367,9 +367,15 @@ TEST(ItcFault, CloseCleansUpWithoutItsTimer) {
     }
   };
   ASSERT_EQ(open(&client, "t", LIB_ITC_CLIENT, dm.dm), 0u);
-  // Opens the server and queues a message at it; closes it with fault `n` or with the timer's
-  // arming failed, and gives back what was printed and the error traces' texts.
-  auto close_run = [&](unsigned n, std::string *traces) {
+  // What a close prints and traces with the timer's arming failed (n == 0), the client's notice
+  // failed (1), the timer failed (2), and with nothing failed.
+  const char *const expect[4][2] = {
+      {"lib_itc_queue_entry_destroy: ", "22: kro_dm_timer_settime failed\n"},
+      {"lib_itc_post_msg: ", "12: malloc failed\n"},
+      {"lib_itc_queue_entry_destroy: ", "12: kro_dm_timer_register failed\n"},
+      {"", ""}};
+  // Opens the server, queues a message at it and closes it with fault `n` (0: the arming).
+  auto close_run = [&](unsigned n) {
     EXPECT_EQ(open(&server, "t", LIB_ITC_SERVER, dm.dm, run_fn, &on_server, &one), 0u);
     pump(dm.dm);
     EXPECT_EQ(send_text(client, 0, "x"), 0);
@@ -382,36 +388,28 @@ TEST(ItcFault, CloseCleansUpWithoutItsTimer) {
       g_settime_fails = false;
     }
     kro_probe_journal_stop();
+    const std::string out = capture.take(), function = expect[std::min(n, 3u)][0],
+                      message = expect[std::min(n, 3u)][1];
+    std::string traces;
     for (size_t i = 0; i < kro_probe_journal_count(); ++i) {
       const std::string e = kro_probe_journal_entry(i);
       if (e.rfind("_kro_dt_log_filter_adv ITC.error", 0) == 0) {
-        *traces += e.substr(e.find(": ITC: ") + 7);
+        traces += e.substr(e.find(": ITC: ") + 7);
       }
     }
-    return capture.take();
+    EXPECT_TRUE(function.empty() ? traces.empty() : traces.rfind(function, 0) == 0) << traces;
+    EXPECT_EQ(traces.find(": " + message) != std::string::npos, !message.empty()) << traces;
+    EXPECT_EQ(out, message.empty() ? "" : message.substr(4) + "\n");
+    pump(dm.dm);
   };
   const unsigned runs = zel_test::fault_sweep([&](unsigned n) {
-    std::string traces;
-    const std::string out = close_run(n, &traces);
-    // n == 1: the client's notice; n == 2: the timer.
-    const std::string function = n == 1   ? "lib_itc_post_msg: "
-                                 : n == 2 ? "lib_itc_queue_entry_destroy: "
-                                          : "";
-    const std::string message = n == 1   ? "malloc failed\n"
-                                : n == 2 ? "kro_dm_timer_register failed\n"
-                                         : "";
-    EXPECT_TRUE(function.empty() ? traces.empty() : traces.rfind(function, 0) == 0) << traces;
-    EXPECT_EQ(traces.find(": 12: " + message) != std::string::npos, !message.empty());
-    EXPECT_EQ(out, message.empty() ? "" : message + "\n");
-    pump(dm.dm);
+    close_run(n);
     return fault_fired();
   });
   EXPECT_EQ(runs, 2u);
   // A timer that cannot be armed is deleted, and the queue carries the clean-up instead.
   const long before = fault_live_blocks();
-  std::string traces;
-  EXPECT_EQ(close_run(0, &traces), "kro_dm_timer_settime failed\n\n");
-  pump(dm.dm);
+  close_run(0);
   EXPECT_EQ(fault_live_blocks(), before);
   close_in_callback = true;
   ASSERT_EQ(open(&server, "t", LIB_ITC_SERVER, dm.dm, run_fn, &on_server, &one), 0u);

@@ -3,7 +3,6 @@
 // that stay consistent meanwhile; and wake-ups that coalesce while the receiver is busy.
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -168,10 +167,6 @@ TEST(ItcStress, ClientsChurnWhileTheServerClosesAndReopens) {
     ASSERT_EQ(lib_itc_close(&server), 0);
   }  // the server's manager: remaining clean-ups, then destroyed
   const uint64_t allocated = g_allocated, refused = g_refused, received = g_received;
-  std::printf("stress: %llu messages allocated, %llu received, %llu refused, %llu freed queued\n",
-              static_cast<unsigned long long>(allocated), static_cast<unsigned long long>(received),
-              static_cast<unsigned long long>(refused),
-              static_cast<unsigned long long>(allocated - received - refused));
   EXPECT_GE(received, static_cast<uint64_t>(kServerRounds) * kPerRound);
   EXPECT_LE(received + refused, allocated);
   EXPECT_EQ(g_violations, 0u);
@@ -215,8 +210,6 @@ TEST(ItcWakeups, BurstToABusyReceiverCoalesces) {
   cv.notify_all();
   ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(60), [&] { return got == kN + 1; }));
   lock.unlock();
-  std::printf("wake-ups for %u messages sent to a busy receiver: %llu\n", kN,
-              static_cast<unsigned long long>(after.wakeups - before.wakeups));
   EXPECT_LE(after.wakeups - before.wakeups, 1u);
   EXPECT_EQ(lib_itc_close(&client), 0);
   EXPECT_EQ(lib_itc_close(&server), 0);
