@@ -1,11 +1,9 @@
 // Channels under real concurrency: clients that open, send and close on threads of their own
 // while the server closes and reopens, with exact message accounting and connection events
-// that stay consistent meanwhile; and wake-ups that coalesce while the receiver is busy.
+// that stay consistent meanwhile.
 #include <atomic>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "itc_test_util.h"
@@ -171,48 +169,6 @@ TEST(ItcStress, ClientsChurnWhileTheServerClosesAndReopens) {
   EXPECT_LE(received + refused, allocated);
   EXPECT_EQ(g_violations, 0u);
   EXPECT_EQ(zel_test::fault_live_blocks(), live_at_start);
-}
-
-// The receiver's callback holds the first message until a burst has been sent behind it: the
-// burst's enqueues find the queue scheduled and make no wake-up at all.
-TEST(ItcWakeups, BurstToABusyReceiverCoalesces) {
-  constexpr unsigned kN = 1000;
-  std::mutex m;
-  std::condition_variable cv;
-  bool busy = false, release = false;
-  unsigned got = 0;
-  Fn on_server = [&](uint32_t h, uint32_t type) {
-    take_event(h, type);
-    std::unique_lock<std::mutex> lock(m);
-    if (type == LIB_ITC_MSG_DATA && got++ == 0) {
-      busy = true;
-      cv.notify_all();
-      cv.wait(lock, [&] { return release; });
-    }
-    cv.notify_all();
-  };
-  Loop loop;
-  Dm sender_dm;
-  const lib_itc_attr_t attr = {0, kN + 10, 0xFFFFFFFFu};
-  uint32_t server = 0, client = 0;
-  ASSERT_EQ(open(&server, "wake", LIB_ITC_SERVER, loop.dm(), run_fn, &on_server, &attr), 0u);
-  ASSERT_EQ(open(&client, "wake", LIB_ITC_CLIENT, sender_dm.dm), 0u);
-  ASSERT_EQ(send_text(client, 0, "first"), 0);
-  std::unique_lock<std::mutex> lock(m);
-  ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(60), [&] { return busy; }));
-  kro_dm_stats_t before{}, after{};
-  ASSERT_EQ(kro_dm_stats_get(loop.dm(), &before), 0);
-  for (unsigned i = 0; i < kN; ++i) {
-    ASSERT_EQ(send_text(client, 0, "burst"), 0);
-  }
-  ASSERT_EQ(kro_dm_stats_get(loop.dm(), &after), 0);
-  release = true;
-  cv.notify_all();
-  ASSERT_TRUE(cv.wait_for(lock, std::chrono::seconds(60), [&] { return got == kN + 1; }));
-  lock.unlock();
-  EXPECT_LE(after.wakeups - before.wakeups, 1u);
-  EXPECT_EQ(lib_itc_close(&client), 0);
-  EXPECT_EQ(lib_itc_close(&server), 0);
 }
 
 }  // namespace
