@@ -1,5 +1,5 @@
-// Helpers of the channel tests: dispatch managers run by the test thread or by a thread of
-// their own, and a callback that records what a channel is told.
+// Helpers of the channel tests: dispatch managers driven by the test thread, callbacks that
+// record or script what a channel is told, and messages made from strings.
 #ifndef ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
 #define ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
 
@@ -7,17 +7,17 @@
 #include <kro/dm.h>
 #include <zel/itc.h>
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <mutex>
+#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace itc_test {
+
+constexpr uint32_t id_of(uint32_t h) {
+  return h >> 16;
+}
 
 // Runs dispatch steps of a manager owned by the calling thread until nothing more is due now:
 // enough for deliveries, set-aside messages and clean-up timers armed by them.
@@ -38,34 +38,6 @@ struct Dm {
   kro_dm_t *dm = nullptr;
 };
 
-// A manager whose loop (wait + dispatch) runs on a thread of its own until stop(); the test
-// thread then takes it over for the remaining clean-up steps.
-class Loop {
- public:
-  Loop()
-      : thread_([this] {
-          while (!done_.load(std::memory_order_acquire)) {
-            EXPECT_EQ(kro_dm_wait(m_.dm), KRO_DM_OK);
-            EXPECT_EQ(kro_dm_dispatch(m_.dm), KRO_DM_OK);
-          }
-        }) {}
-  ~Loop() { stop(); }
-  void stop() {
-    if (thread_.joinable()) {
-      done_.store(true, std::memory_order_release);
-      kro_dm_wake(m_.dm);
-      thread_.join();
-    }
-  }
-  kro_dm_t *dm() const { return m_.dm; }
-  std::thread::id id() const { return thread_.get_id(); }
-
- private:
-  Dm m_;  // destroyed after the thread has stopped
-  std::atomic<bool> done_{false};
-  std::thread thread_;
-};
-
 // One message as a channel's callback saw it. For LIB_ITC_MSG_CONNECT: a = event code,
 // b = client handle. For LIB_ITC_MSG_DATA: a = sender, b = length, text = the payload.
 struct Event {
@@ -73,6 +45,7 @@ struct Event {
   std::string text;
   bool operator==(const Event &o) const = default;
 };
+using Events = std::vector<Event>;
 
 inline const Event connected{LIB_ITC_MSG_CONNECTED, 0, 0, ""};
 inline const Event disconnect{LIB_ITC_MSG_DISCONNECT, 0, 0, ""};
@@ -97,39 +70,31 @@ inline Event take_event(uint32_t handle, uint32_t type) {
   return e;
 }
 
-// Records every callback of the channels opened with it as cookie, and the thread it ran on.
-// Thread-safe; waits are condition waits.
-class Recorder {
- public:
-  static void callback(uint32_t handle, uint32_t type, void *cookie) {
-    auto *r = static_cast<Recorder *>(cookie);
-    Event e = take_event(handle, type);
-    std::lock_guard<std::mutex> lock(r->mutex_);
-    r->events_.push_back(std::move(e));
-    r->thread_ = std::this_thread::get_id();
-    r->cv_.notify_all();
-  }
-  // Waits until at least n events are recorded; false after a generous deadline (a hang guard,
-  // not a sequencing device).
-  bool wait_for(size_t n) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return cv_.wait_for(lock, std::chrono::seconds(60), [&] { return events_.size() >= n; });
-  }
-  std::vector<Event> events() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return events_;
-  }
-  std::thread::id last_thread() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return thread_;
-  }
+// Callbacks: one that records every event (cookie: an Events), one that takes nothing, and one
+// that runs what the test gives it (cookie: an Fn).
+inline void record(uint32_t handle, uint32_t type, void *cookie) {
+  static_cast<Events *>(cookie)->push_back(take_event(handle, type));
+}
+inline void ignore(uint32_t, uint32_t, void *) {}
+using Fn = std::function<void(uint32_t handle, uint32_t type)>;
+inline void run_fn(uint32_t handle, uint32_t type, void *cookie) {
+  (*static_cast<Fn *>(cookie))(handle, type);
+}
 
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  std::vector<Event> events_;
-  std::thread::id thread_;
-};
+inline uint32_t open(uint32_t *h, const char *name, int32_t role, kro_dm_t *dm,
+                     lib_itc_callback_t cb = ignore, void *cookie = nullptr,
+                     const lib_itc_attr_t *attr = nullptr) {
+  return lib_itc_open(h, name, role, attr, dm, cb, cookie);
+}
+
+// Opens and closes a channel so that the process-wide name service, which lives on, exists
+// before the blocks are counted.
+inline void warm(kro_dm_t *dm) {
+  uint32_t h = 0;
+  ASSERT_EQ(open(&h, "warm", LIB_ITC_SERVER, dm), 0u);
+  ASSERT_EQ(lib_itc_close(&h), 0);
+  pump(dm);
+}
 
 // Allocates a data message holding `text` for `handle`; nullptr on failure.
 inline void *make_msg(uint32_t handle, const std::string &text) {

@@ -6,19 +6,12 @@
 // Two races are made deterministic by link-time wraps (see CMakeLists.txt): the channel mutex's
 // unlock can run a hook on the unlocking thread, and the dispatch manager's wake-up of a
 // sleeping owner can be held until the owner has destroyed its manager.
-#include <kro/dm.h>
 #include <pthread.h>
-#include <zel/itc.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "itc_test_util.h"
 #include "support/fault.h"
@@ -63,16 +56,16 @@ namespace {
 using namespace itc_test;  // NOLINT(google-build-using-namespace): the suite's own helpers
 using zel_test::fault_live_blocks;
 
-constexpr uint32_t id_of(uint32_t h) {
-  return h >> 16;
+// Opens a server and a client of `name` on `dm`, neither taking anything.
+void open_pair(uint32_t *server, uint32_t *client, const char *name, kro_dm_t *dm) {
+  ASSERT_EQ(open(server, name, LIB_ITC_SERVER, dm), 0u);
+  ASSERT_EQ(open(client, name, LIB_ITC_CLIENT, dm), 0u);
 }
 
-void ignore(uint32_t, uint32_t, void *) {}
-
-// A callback that runs whatever the test gives it as cookie.
-using Fn = std::function<void(uint32_t handle, uint32_t type)>;
-void run_fn(uint32_t handle, uint32_t type, void *cookie) {
-  (*static_cast<Fn *>(cookie))(handle, type);
+void close_all(std::initializer_list<uint32_t *> handles) {
+  for (uint32_t *h : handles) {
+    EXPECT_EQ(lib_itc_close(h), 0);
+  }
 }
 
 // The handler of a closed client whose handle a newer client has taken meanwhile, and which
@@ -80,32 +73,25 @@ void run_fn(uint32_t handle, uint32_t type, void *cookie) {
 // must decide from the lookup alone and never read the newer record.
 TEST(ItcLifetime, HandlerOfAClosedChannelNeverReadsTheRecordThatTookItsHandle) {
   Dm a, b, d;  // a: server side; b: the old client and the channel whose callback acts; d: new
-  Recorder srv;
+  Events old_client, new_client;
   uint32_t server = 0, c1 = 0, c2 = 0, x = 0, y = 0;
-  ASSERT_EQ(lib_itc_open(&server, "uaf", LIB_ITC_SERVER, nullptr, a.dm, Recorder::callback, &srv),
-            0u);
-  Recorder old_client, new_client;
-  ASSERT_EQ(
-      lib_itc_open(&c1, "uaf", LIB_ITC_CLIENT, nullptr, b.dm, Recorder::callback, &old_client), 0u);
+  ASSERT_EQ(open(&server, "uaf", LIB_ITC_SERVER, a.dm), 0u);
+  ASSERT_EQ(open(&c1, "uaf", LIB_ITC_CLIENT, b.dm, record, &old_client), 0u);
   std::function<void()> close_c2 = [&] {
     ASSERT_EQ(lib_itc_close(&c2), 0);
     pump(d.dm);  // c2's clean-up on its own manager: its record is freed here
   };
   Fn on_x = [&](uint32_t h, uint32_t type) {
-    take_event(h, type);
-    if (type != LIB_ITC_MSG_DATA) {
+    if (take_event(h, type).type != LIB_ITC_MSG_DATA) {
       return;
     }
     ASSERT_EQ(lib_itc_close(&c1), 0);  // c1's handler is next in this dispatch step
-    const uint32_t old = (id_of(server) << 16) | 1u;
-    ASSERT_EQ(
-        lib_itc_open(&c2, "uaf", LIB_ITC_CLIENT, nullptr, d.dm, Recorder::callback, &new_client),
-        0u);
-    ASSERT_EQ(c2, old);  // the newer client took the freed slot
+    ASSERT_EQ(open(&c2, "uaf", LIB_ITC_CLIENT, d.dm, record, &new_client), 0u);
+    ASSERT_EQ(c2, (id_of(server) << 16) | 1u);  // the newer client took the freed slot
     g_after_unlock = &close_c2;
   };
-  ASSERT_EQ(lib_itc_open(&x, "x", LIB_ITC_SERVER, nullptr, b.dm, run_fn, &on_x), 0u);
-  ASSERT_EQ(lib_itc_open(&y, "x", LIB_ITC_CLIENT, nullptr, a.dm, ignore, nullptr), 0u);
+  ASSERT_EQ(open(&x, "x", LIB_ITC_SERVER, b.dm, run_fn, &on_x), 0u);
+  ASSERT_EQ(open(&y, "x", LIB_ITC_CLIENT, a.dm), 0u);
   pump(a.dm);
   pump(b.dm);
   // x's queue becomes ready before c1's, so x's callback runs first in b's next step.
@@ -116,11 +102,9 @@ TEST(ItcLifetime, HandlerOfAClosedChannelNeverReadsTheRecordThatTookItsHandle) {
   EXPECT_EQ(c2, 0u);
   // The old client's message went with its queue (it heard of its server only), and nothing
   // reached the newer client, whose clean-up ran before any delivery.
-  EXPECT_TRUE(new_client.events().empty());
-  EXPECT_EQ(old_client.events(), std::vector<Event>{connected});
-  for (uint32_t *h : {&x, &y, &server}) {
-    EXPECT_EQ(lib_itc_close(h), 0);
-  }
+  EXPECT_TRUE(new_client.empty());
+  EXPECT_EQ(old_client, Events{connected});
+  close_all({&x, &y, &server});
 }
 
 // A close on a foreign thread arms the clean-up on the owner's manager; the owner runs it and
@@ -131,7 +115,7 @@ TEST(ItcLifetime, OwnerMayDestroyItsManagerRightAfterACloseFromAnotherThread) {
     kro_dm_t *dm = nullptr;
     ASSERT_EQ(kro_dm_create(&dm), KRO_DM_OK);
     uint32_t h = 0;
-    ASSERT_EQ(lib_itc_open(&h, "owned", LIB_ITC_SERVER, nullptr, dm, ignore, nullptr), 0u);
+    ASSERT_EQ(open(&h, "owned", LIB_ITC_SERVER, dm), 0u);
     g_owner_destroyed = false;
     std::atomic<bool> go{false};
     std::thread owner([&] {
@@ -158,24 +142,19 @@ TEST(ItcLifetime, OwnerMayDestroyItsManagerRightAfterACloseFromAnotherThread) {
 // string of a channel that stays.
 TEST(ItcLifetime, NameStringsNeedLiveOnlyUntilTheirChannelIsClosed) {
   Dm dm;
-  uint32_t warm = 0;  // the process-wide service first, so that it is not counted below
-  ASSERT_EQ(lib_itc_open(&warm, "warm", LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
-  ASSERT_EQ(lib_itc_close(&warm), 0);
-  pump(dm.dm);
+  warm(dm.dm);
   const long base = fault_live_blocks();
-
   // Per-request client names: nothing stays once each is closed, and the freed string is never
   // read again by the next open of the same text.
   for (int i = 0; i < 3; ++i) {
     char *name = strdup("request-7");
     uint32_t h = 0;
-    ASSERT_EQ(lib_itc_open(&h, name, LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
+    ASSERT_EQ(open(&h, name, LIB_ITC_CLIENT, dm.dm), 0u);
     ASSERT_EQ(lib_itc_close(&h), 0);
     free(name);
     pump(dm.dm);
     EXPECT_EQ(fault_live_blocks(), base) << "round " << i;
   }
-
   // Three clients of one name with strings of their own; the string of the one that made the
   // entry goes first, then the next one's, while a third client and a server come. Each string
   // is scribbled over before it is freed, so that a name still pointing at it is missed by the
@@ -186,15 +165,15 @@ TEST(ItcLifetime, NameStringsNeedLiveOnlyUntilTheirChannelIsClosed) {
     free(s);
   };
   uint32_t c1 = 0, c2 = 0, c3 = 0, srv = 0;
-  ASSERT_EQ(lib_itc_open(&c1, s1, LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
-  ASSERT_EQ(lib_itc_open(&c2, s2, LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
+  ASSERT_EQ(open(&c1, s1, LIB_ITC_CLIENT, dm.dm), 0u);
+  ASSERT_EQ(open(&c2, s2, LIB_ITC_CLIENT, dm.dm), 0u);
   ASSERT_EQ(lib_itc_close(&c1), 0);
   scrap(s1);
-  ASSERT_EQ(lib_itc_open(&c3, s3, LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
+  ASSERT_EQ(open(&c3, s3, LIB_ITC_CLIENT, dm.dm), 0u);
   EXPECT_EQ(id_of(c3), id_of(c2));
   ASSERT_EQ(lib_itc_close(&c2), 0);
   scrap(s2);
-  ASSERT_EQ(lib_itc_open(&srv, "shared", LIB_ITC_SERVER, nullptr, dm.dm, ignore, nullptr), 0u);
+  ASSERT_EQ(open(&srv, "shared", LIB_ITC_SERVER, dm.dm), 0u);
   EXPECT_EQ(id_of(srv), id_of(c3));
   ASSERT_EQ(lib_itc_close(&c3), 0);
   scrap(s3);
@@ -207,13 +186,11 @@ TEST(ItcLifetime, NameStringsNeedLiveOnlyUntilTheirChannelIsClosed) {
 // ids come round again, oldest freed first, never one just released.
 TEST(ItcLifetime, IdsAreRecycledSoThatOpensNeverRunOut) {
   Dm dm;
-  uint32_t keep = 0;
-  ASSERT_EQ(lib_itc_open(&keep, "keep", LIB_ITC_SERVER, nullptr, dm.dm, ignore, nullptr), 0u);
-  uint32_t last = 0, wraps = 0;
+  uint32_t keep = 0, last = 0, wraps = 0;
+  ASSERT_EQ(open(&keep, "keep", LIB_ITC_SERVER, dm.dm), 0u);
   for (uint32_t i = 0; i < 70000; ++i) {
     uint32_t h = 0;
-    ASSERT_EQ(lib_itc_open(&h, "restarted", LIB_ITC_SERVER, nullptr, dm.dm, ignore, nullptr), 0u)
-        << "round " << i;
+    ASSERT_EQ(open(&h, "restarted", LIB_ITC_SERVER, dm.dm), 0u) << "round " << i;
     ASSERT_NE(id_of(h), id_of(last)) << "round " << i;
     ASSERT_NE(id_of(h), id_of(keep));
     wraps += id_of(h) < id_of(last) ? 1 : 0;
@@ -231,29 +208,24 @@ TEST(ItcLifetime, IdsAreRecycledSoThatOpensNeverRunOut) {
 TEST(ItcLifetime, ConnectionEventsAreNeverDroppedForWantOfQueueRoom) {
   Dm clients_dm, server_dm;
   std::vector<uint32_t> clients(255);
-  Recorder crec, srec;
+  Events crec, srec;
   for (uint32_t &c : clients) {
-    ASSERT_EQ(lib_itc_open(&c, "crowd", LIB_ITC_CLIENT, nullptr, clients_dm.dm, Recorder::callback,
-                           &crec),
-              0u);
+    ASSERT_EQ(open(&c, "crowd", LIB_ITC_CLIENT, clients_dm.dm, record, &crec), 0u);
   }
   uint32_t server = 0;
-  ASSERT_EQ(lib_itc_open(&server, "crowd", LIB_ITC_SERVER, nullptr, server_dm.dm,
-                         Recorder::callback, &srec),
-            0u);
+  ASSERT_EQ(open(&server, "crowd", LIB_ITC_SERVER, server_dm.dm, record, &srec), 0u);
   pump(server_dm.dm);
   pump(clients_dm.dm);
-  EXPECT_EQ(srec.events().size(), 255u);
-  EXPECT_EQ(crec.events().size(), 255u);
+  EXPECT_EQ(srec.size(), 255u);
+  EXPECT_EQ(crec.size(), 255u);
   for (uint32_t i = 0; i < LIB_ITC_DEFAULT_QUEUE_LEN; ++i) {
     ASSERT_EQ(send_text(server, clients[0], "x"), 0);
   }
   EXPECT_EQ(send_text(server, clients[0], "x"), KRO_DM_EAGAIN);  // data still bounded
   ASSERT_EQ(lib_itc_close(&server), 0);
   pump(clients_dm.dm);
-  const std::vector<Event> got = crec.events();
-  ASSERT_EQ(got.size(), 255u + 255u + LIB_ITC_DEFAULT_QUEUE_LEN);
-  EXPECT_EQ(got.back(), disconnect);
+  ASSERT_EQ(crec.size(), 255u + 255u + LIB_ITC_DEFAULT_QUEUE_LEN);
+  EXPECT_EQ(crec.back(), disconnect);
   for (uint32_t &c : clients) {
     EXPECT_EQ(lib_itc_close(&c), 0);
   }
@@ -265,23 +237,20 @@ TEST(ItcLifetime, ConnectionEventsAreNeverDroppedForWantOfQueueRoom) {
 TEST(ItcLifetime, HandlesWithSlotBits8To15NameNothing) {
   Dm dm;
   uint32_t server = 0, client = 0;
-  for (auto [h, role] : {std::pair{&server, LIB_ITC_SERVER}, std::pair{&client, LIB_ITC_CLIENT}}) {
-    ASSERT_EQ(lib_itc_open(h, "bits", role, nullptr, dm.dm, ignore, nullptr), 0u);
-  }
+  open_pair(&server, &client, "bits", dm.dm);
   uint32_t forged = server | 0x100u;
   EXPECT_EQ(lib_itc_close(&forged), LIB_ITC_EINVAL);
   EXPECT_EQ(send_text(server, client | 0x100u, "m"), LIB_ITC_EINVAL);
   EXPECT_EQ(send_text(client, 0, "m"), 0);  // the server is still open
   pump(dm.dm);
-  EXPECT_EQ(lib_itc_close(&client), 0);
-  EXPECT_EQ(lib_itc_close(&server), 0);
+  close_all({&client, &server});
 }
 
 // A message taken by a receive stays the taker's to free, whatever has been closed since: by the
 // callback itself (the name's last channel), or by another thread.
 TEST(ItcLifetime, HeldMessagesCanBeFreedAfterTheirNameIsReleased) {
   Dm dm;
-  uint32_t server = 0, client = 0;
+  uint32_t server = 0, client = 0, from = 0, len = 0;
   void *held = nullptr;
   int free_rc = -1;
   Fn on_server = [&](uint32_t h, uint32_t type) {
@@ -289,32 +258,22 @@ TEST(ItcLifetime, HeldMessagesCanBeFreedAfterTheirNameIsReleased) {
       take_event(h, type);
       return;
     }
-    uint32_t from = 0, len = 0;
     ASSERT_EQ(lib_itc_receive(h, &from, &held, &len), 0);
-    ASSERT_EQ(lib_itc_close(&client), 0);
-    ASSERT_EQ(lib_itc_close(&server), 0);  // the name's last binding
+    close_all({&client, &server});  // the server is the name's last binding
     free_rc = lib_itc_free(h, held);
   };
-  ASSERT_EQ(lib_itc_open(&server, "held", LIB_ITC_SERVER, nullptr, dm.dm, run_fn, &on_server), 0u);
-  ASSERT_EQ(lib_itc_open(&client, "held", LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
+  ASSERT_EQ(open(&server, "held", LIB_ITC_SERVER, dm.dm, run_fn, &on_server), 0u);
+  ASSERT_EQ(open(&client, "held", LIB_ITC_CLIENT, dm.dm), 0u);
   ASSERT_EQ(send_text(client, 0, "kept"), 0);
   pump(dm.dm);
   EXPECT_EQ(free_rc, 0);
-
   // Held on this thread while another thread closes the last channel of the name.
-  uint32_t s2 = 0, c2 = 0;
-  ASSERT_EQ(lib_itc_open(&s2, "held2", LIB_ITC_SERVER, nullptr, dm.dm, ignore, nullptr), 0u);
-  ASSERT_EQ(lib_itc_open(&c2, "held2", LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
+  open_pair(&server, &client, "held2", dm.dm);
   pump(dm.dm);
-  ASSERT_EQ(send_text(s2, c2, "kept"), 0);
-  uint32_t from = 0, len = 0;
-  void *mine = nullptr;
-  ASSERT_EQ(lib_itc_receive(c2, &from, &mine, &len), 0);
-  std::thread([&] {
-    EXPECT_EQ(lib_itc_close(&s2), 0);
-    EXPECT_EQ(lib_itc_close(&c2), 0);
-  }).join();
-  EXPECT_EQ(lib_itc_free(from, mine), 0);
+  ASSERT_EQ(send_text(server, client, "kept"), 0);
+  ASSERT_EQ(lib_itc_receive(client, &from, &held, &len), 0);
+  std::thread([&] { close_all({&server, &client}); }).join();
+  EXPECT_EQ(lib_itc_free(from, held), 0);
 }
 
 // A send that starts after its destination's close has returned is refused as for an unknown
@@ -322,9 +281,7 @@ TEST(ItcLifetime, HeldMessagesCanBeFreedAfterTheirNameIsReleased) {
 TEST(ItcLifetime, SendAfterTheDestinationClosedIsRefused) {
   Dm dm;
   uint32_t server = 0, client = 0;
-  for (auto [h, role] : {std::pair{&server, LIB_ITC_SERVER}, std::pair{&client, LIB_ITC_CLIENT}}) {
-    ASSERT_EQ(lib_itc_open(h, "gone", role, nullptr, dm.dm, ignore, nullptr), 0u);
-  }
+  open_pair(&server, &client, "gone", dm.dm);
   ASSERT_EQ(send_text(client, 0, "first"), 0);
   std::thread([&server] { EXPECT_EQ(lib_itc_close(&server), 0); }).join();
   EXPECT_EQ(send_text(client, 0, "late"), LIB_ITC_EINVAL);
@@ -336,24 +293,19 @@ TEST(ItcLifetime, SendAfterTheDestinationClosedIsRefused) {
 // between its binding and its queue hears of that client once, from the client's own open.
 TEST(ItcLifetime, ChannelIsNobodysPeerUntilItsOpenHasSetItUp) {
   Dm dm;
-  Recorder srec;
+  Events srec;
   uint32_t server = 0, client = 0;
   std::function<void()> open_server = [&] {
-    ASSERT_EQ(
-        lib_itc_open(&server, "opening", LIB_ITC_SERVER, nullptr, dm.dm, Recorder::callback, &srec),
-        0u);
+    ASSERT_EQ(open(&server, "opening", LIB_ITC_SERVER, dm.dm, record, &srec), 0u);
   };
-  uint32_t warm = 0;  // the name service first: its creation unlocks a mutex of its own
-  ASSERT_EQ(lib_itc_open(&warm, "warm", LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
-  ASSERT_EQ(lib_itc_close(&warm), 0);
+  warm(dm.dm);                    // the name service first: its creation unlocks a mutex of its own
   g_after_unlock = &open_server;  // right after the client's binding
-  ASSERT_EQ(lib_itc_open(&client, "opening", LIB_ITC_CLIENT, nullptr, dm.dm, ignore, nullptr), 0u);
+  ASSERT_EQ(open(&client, "opening", LIB_ITC_CLIENT, dm.dm), 0u);
   ASSERT_EQ(g_after_unlock, nullptr);
   ASSERT_NE(server, 0u);
   pump(dm.dm);
-  EXPECT_EQ(srec.events(), std::vector<Event>{came(client)});
-  EXPECT_EQ(lib_itc_close(&client), 0);
-  EXPECT_EQ(lib_itc_close(&server), 0);
+  EXPECT_EQ(srec, Events{came(client)});
+  close_all({&client, &server});
 }
 
 // A server restarted, and a client on a name of its own per request (the string freed right
@@ -368,8 +320,7 @@ TEST(ItcLifetime, OpenCloseRoundsRunForeverInConstantMemory) {
       char *name = strdup(per_request ? std::to_string(i).c_str() : "restarted");
       ASSERT_NE(name, nullptr);
       uint32_t h = 0;
-      const int32_t role = per_request ? LIB_ITC_CLIENT : LIB_ITC_SERVER;
-      ASSERT_EQ(lib_itc_open(&h, name, role, nullptr, dm.dm, ignore, nullptr), 0u) << i;
+      ASSERT_EQ(open(&h, name, per_request ? LIB_ITC_CLIENT : LIB_ITC_SERVER, dm.dm), 0u) << i;
       ASSERT_EQ(lib_itc_close(&h), 0);
       free(name);
       ASSERT_EQ(kro_dm_dispatch(dm.dm), KRO_DM_OK);  // the clean-up
