@@ -1,12 +1,11 @@
 // Bad-input tables: every exported function called with NULL pointers, zero and maximal sizes,
-// unknown handles and overlong texts.
+// unknown handles and overlong texts, one table per family in bad_input_<family>.cpp.
 //
-// One table per family, in bad_input_<family>.cpp. A row is one call and its stated result, made
-// with ZEL_BAD_ROW, whose text is the row's label; a row may also give the trace log the call
-// must write. The runner makes each call, compares its result (an integer, a pointer's address,
-// 0 for a call without one), checks that the live-block count is where it was and runs the
-// table's check of what a refusal leaves alone. Where the same calls meet several bad subjects
-// (handles, managers, indexes), the table is a list of subjects and a list of operations.
+// A row is one call and its stated result, made by ZEL_BAD_ROW; its text is the row's label. Each
+// call's result (an integer, a pointer's address, 0 for none) must be the stated one, and the call
+// must leave the live-block count where it found it; a table may add a check of what a refusal
+// leaves alone. Calls that meet several bad subjects (handles, managers, indexes) are a list of
+// operations run on a list of subjects.
 #ifndef ZEL_TESTS_BAD_INPUT_BAD_INPUT_H_
 #define ZEL_TESTS_BAD_INPUT_BAD_INPUT_H_
 
@@ -33,8 +32,7 @@ intptr_t as_result(T v) {
 template <typename F>
 intptr_t result_of(F call) {
   if constexpr (std::is_void_v<decltype(call())>) {
-    call();
-    return 0;
+    return call(), intptr_t{0};
   } else {
     return as_result(call());
   }
@@ -44,7 +42,7 @@ struct Row {
   const char *call;
   intptr_t (*run)();
   intptr_t want;
-  const char *log = nullptr;  // the trace lines after "entering", when the table checks them
+  const char *log = nullptr;  // the trace lines the call writes, where the table checks them
 };
 
 #define ZEL_BAD_ROW(call, want, ...)                                                               \
@@ -58,25 +56,22 @@ struct Row {
 // Makes one call under `label`: its result must be `want` and it must leave nothing allocated.
 void check(const std::string &label, const std::function<intptr_t()> &call, intptr_t want);
 
-// Runs every row between `before` and `after` (each when given; `after` checks what the row must
-// have left alone).
+// Runs every row between `before` and `after`, each when given.
 void run_rows(std::span<const Row> rows, void (*before)() = nullptr,
               void (*after)(const Row &) = nullptr);
 
-// For a traced family: runs the rows with the module as the process finds it (unregistered),
-// then registered with both flags on and the host's checks answering "record" and "print", then
-// answering "don't", so that every trace point meets each answer.
+// For a traced family: runs the rows with the module unregistered, then registered with both
+// flags on and the host's checks answering "record" and "print", then answering "don't".
 void run_traced(std::span<const Row> rows, any_module_dt_t &record, const char *module_name,
                 void (*before)() = nullptr, void (*after)(const Row &) = nullptr);
 
-// An operation applied to each of a list of bad subjects of type S.
+// Runs each operation on each subject (a name and a value), then `after` when given.
 template <typename S>
 struct Op {
   const char *call;
   intptr_t (*run)(S subject);
   intptr_t want;
 };
-
 template <typename S>
 void run_ops(std::initializer_list<std::pair<const char *, S>> subjects, std::span<const Op<S>> ops,
              void (*after)(S subject) = nullptr) {
@@ -89,7 +84,6 @@ void run_ops(std::initializer_list<std::pair<const char *, S>> subjects, std::sp
   }
 }
 
-// A text of n characters.
 inline std::string text(size_t n) {
   return std::string(n, 'x');
 }

@@ -10,12 +10,11 @@
 namespace {
 
 constexpr auto kExact = ZEL_SNMP_INSTANCE_EXACT, kRange = ZEL_SNMP_INSTANCE_RANGE;
-constexpr auto kWild = ZEL_SNMP_INSTANCE_WILDCARD, kRepeat = ZEL_SNMP_INSTANCE_REPEAT;
-const std::string k11 = zel_bad_input::text(11),
-                  k33 = zel_bad_input::text(ZEL_SNMP_LIST_NAME_MAX + 1),
-                  k81 = zel_bad_input::text(ZEL_SNMP_OID_MAX + 1),
-                  k257 = zel_bad_input::text(ZEL_SNMP_CONTEXT_MAX + 1),
-                  kHuge = zel_bad_input::text(1 << 20);
+constexpr auto kRepeat = ZEL_SNMP_INSTANCE_REPEAT;
+using zel_bad_input::text;
+const std::string k11 = text(11), k33 = text(ZEL_SNMP_LIST_NAME_MAX + 1),
+                  k81 = text(ZEL_SNMP_OID_MAX + 1), k257 = text(ZEL_SNMP_CONTEXT_MAX + 1),
+                  kHuge = text(1 << 20);
 const char *const k33s = k33.c_str(), *const k81s = k81.c_str(), *const kHugeS = kHuge.c_str();
 zel_util_config_t *g_cfg, *g_snmp, *g_bad;  // bare; with an SNMP part; whose part counts badly
 char g_buf[4];
@@ -72,28 +71,22 @@ const zel_bad_input::Row kRows[] = {
     ZEL_BAD_ROW(ctx(nullptr, "c"), ZEL_CFG_EMISSING),
     ZEL_BAD_ROW(ctx(g_cfg, nullptr), ZEL_CFG_EMISSING),
     ZEL_BAD_ROW(obj(nullptr, "L", "o"), ZEL_CFG_EMISSING),
-    ZEL_BAD_ROW(obj(g_cfg, nullptr, "o"), ZEL_CFG_EMISSING),
     ZEL_BAD_ROW(obj(g_cfg, "L", nullptr), ZEL_CFG_EMISSING),
     ZEL_BAD_ROW(ctx(g_cfg, k257.c_str()), ZEL_CFG_ETOOLONG),
-    ZEL_BAD_ROW(ctx(g_cfg, kHugeS), ZEL_CFG_ETOOLONG),
     ZEL_BAD_ROW(obj(g_cfg, k33s, "o"), ZEL_CFG_ETOOLONG),
     ZEL_BAD_ROW(obj(g_cfg, "L", k81s), ZEL_CFG_ETOOLONG),
     ZEL_BAD_ROW(obj(g_cfg, kHugeS, kHugeS), ZEL_CFG_ETOOLONG),
     ZEL_BAD_ROW(inst(g_cfg, k33s, kExact, "1"), ZEL_CFG_ETOOLONG),
-    ZEL_BAD_ROW(inst(g_cfg, kHugeS, kExact, "1"), ZEL_CFG_ETOOLONG),
     ZEL_BAD_ROW(inst(nullptr, "I", kExact, "1"), ZEL_CFG_EPROVIDER),
     ZEL_BAD_ROW(inst(g_cfg, nullptr, kExact, "1"), ZEL_CFG_EPROVIDER),
     ZEL_BAD_ROW(inst(g_cfg, "I", 0, "1"), ZEL_CFG_ETYPE),
     ZEL_BAD_ROW(inst(g_cfg, "I", 5, "1"), ZEL_CFG_ETYPE),
-    ZEL_BAD_ROW(inst(g_cfg, "I", UINT32_MAX, "1"), ZEL_CFG_ETYPE),
     ZEL_BAD_ROW(inst(g_cfg, "I", kExact, nullptr), ZEL_CFG_EOID),
     ZEL_BAD_ROW(inst(g_cfg, "I", kExact, k81s), ZEL_CFG_EOID),
-    ZEL_BAD_ROW(inst(g_cfg, "I", kWild, k81s), ZEL_CFG_EOID),
     ZEL_BAD_ROW(inst(g_cfg, "I", kRepeat, nullptr), ZEL_CFG_EOID),
     ZEL_BAD_ROW(inst(g_cfg, "I", kRange, "1"), ZEL_CFG_EOID),
     ZEL_BAD_ROW(inst(g_cfg, "I", kRange, "1", k81s), ZEL_CFG_EOID),
     ZEL_BAD_ROW(inst(g_cfg, "I", kRange, nullptr, "2"), ZEL_CFG_EOID),
-    ZEL_BAD_ROW(inst(g_cfg, "I", kRange, k81s, "2"), ZEL_CFG_EOID),
     ZEL_BAD_ROW(snmp_counted(), 0),
     ZEL_BAD_ROW(g_snmp->prov_cfg_free(nullptr), 0),
     ZEL_BAD_ROW(g_snmp->prov_cfg_free(g_cfg), 0),  // no SNMP part to free
