@@ -65,13 +65,20 @@ void run_rows(std::span<const Row> rows, void (*before)() = nullptr,
 void run_traced(std::span<const Row> rows, any_module_dt_t &record, const char *module_name,
                 void (*before)() = nullptr, void (*after)(const Row &) = nullptr);
 
-// Runs each operation on each subject (a name and a value), then `after` when given.
+// Runs each operation on each subject (a name and a value), then `after` when given. An
+// operation made by ZEL_BAD_OP names its subject `s`.
 template <typename S>
 struct Op {
   const char *call;
   intptr_t (*run)(S subject);
   intptr_t want;
 };
+#define ZEL_BAD_OP(call, want)                                                                     \
+  {                                                                                                \
+#call, [](auto s) { return zel_bad_input::result_of([s] { return call; }); },                  \
+                                                                               zel_bad_input::     \
+                                                                                   as_result(want) \
+  }
 template <typename S>
 void run_ops(std::initializer_list<std::pair<const char *, S>> subjects, std::span<const Op<S>> ops,
              void (*after)(S subject) = nullptr) {
@@ -82,10 +89,6 @@ void run_ops(std::initializer_list<std::pair<const char *, S>> subjects, std::sp
       if (after != nullptr) after(subject);
     }
   }
-}
-
-inline std::string text(size_t n) {
-  return std::string(n, 'x');
 }
 
 }  // namespace zel_bad_input

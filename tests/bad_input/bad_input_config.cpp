@@ -11,10 +11,10 @@ namespace {
 
 constexpr auto kExact = ZEL_SNMP_INSTANCE_EXACT, kRange = ZEL_SNMP_INSTANCE_RANGE;
 constexpr auto kRepeat = ZEL_SNMP_INSTANCE_REPEAT;
-using zel_bad_input::text;
-const std::string k11 = text(11), k33 = text(ZEL_SNMP_LIST_NAME_MAX + 1),
-                  k81 = text(ZEL_SNMP_OID_MAX + 1), k257 = text(ZEL_SNMP_CONTEXT_MAX + 1),
-                  kHuge = text(1 << 20);
+const std::string k11 = std::string(11, 'x'), k33 = std::string(ZEL_SNMP_LIST_NAME_MAX + 1, 'x'),
+                  k81 = std::string(ZEL_SNMP_OID_MAX + 1, 'x'),
+                  k257 = std::string(ZEL_SNMP_CONTEXT_MAX + 1, 'x'),
+                  kHuge = std::string(1 << 20, 'x');
 const char *const k33s = k33.c_str(), *const k81s = k81.c_str(), *const kHugeS = kHuge.c_str();
 zel_util_config_t *g_cfg, *g_snmp, *g_bad;  // bare; with an SNMP part; whose part counts badly
 char g_buf[4];

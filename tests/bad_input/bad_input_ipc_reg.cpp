@@ -8,8 +8,7 @@
 
 namespace {
 
-const std::string k101 = zel_bad_input::text(ZEL_IPC_REG_NAME_MAX + 1),
-                  kHuge = zel_bad_input::text(4096);
+const std::string k101 = std::string(ZEL_IPC_REG_NAME_MAX + 1, 'x'), kHuge = std::string(4096, 'x');
 const char *const kNull = "26: ipc reg top cannot be null\n",
                   *const kInvalid = "26: invalid input params\n",
                   *const kNew = "26: ipc reg registration invalid input params\n";

@@ -82,13 +82,12 @@ const zel_bad_input::Row kRows[] = {
 // message whatever became of its name).
 using Op = zel_bad_input::Op<uint32_t>;
 const Op kOps[] = {
-    {"close", [](uint32_t h) { return intptr_t{lib_itc_close(&(g_copy = h))}; }, kInval},
-    {"receive", [](uint32_t h) { return intptr_t{lib_itc_receive(h, &g_v, &g_p, &g_v)}; }, kInval},
-    {"event", [](uint32_t h) { return intptr_t{lib_itc_get_connection_event(h, &g_ev, &g_v)}; },
-     kInval},
-    {"send", [](uint32_t h) { return intptr_t{lib_itc_send(h, h, f)}; }, kInval},
-    {"alloc", [](uint32_t h) { return intptr_t{lib_itc_alloc(h, 1, &g_p)}; }, kInval},
-    {"free", [](uint32_t h) { return intptr_t{lib_itc_free(h, f)}; }, kInval},
+    ZEL_BAD_OP(lib_itc_close(&(g_copy = s)), kInval),
+    ZEL_BAD_OP(lib_itc_receive(s, &g_v, &g_p, &g_v), kInval),
+    ZEL_BAD_OP(lib_itc_get_connection_event(s, &g_ev, &g_v), kInval),
+    ZEL_BAD_OP(lib_itc_send(s, s, f), kInval),
+    ZEL_BAD_OP(lib_itc_alloc(s, 1, &g_p), kInval),
+    ZEL_BAD_OP(lib_itc_free(s, f), kInval),
 };
 
 TEST(BadInput, Channels) {

@@ -37,22 +37,16 @@ void array_rows() {
       ZEL_BAD_ROW(remove(dense, 1), empty),
   };
   zel_bad_input::run_rows(rows);
-  using Op = zel_bad_input::Op<int32_t>;
-  const intptr_t none = zel_bad_input::as_result(empty);
-  static const Op ops[] = {
-      {"insert into the non-sparse one",
-       [](int32_t i) { return intptr_t{insert(dense, value, i)}; }, -1},
-      {"remove from the non-sparse one",
-       [](int32_t i) { return zel_bad_input::as_result(remove(dense, i)); }, none},
-      {"insert into the sparse one", [](int32_t i) { return intptr_t{insert(sparse, value, i)}; },
-       -1},
-      {"remove from the sparse one",
-       [](int32_t i) { return zel_bad_input::as_result(remove(sparse, i)); }, none},
+  static const zel_bad_input::Op<int32_t> ops[] = {
+      ZEL_BAD_OP(insert(dense, value, s), -1),
+      ZEL_BAD_OP(remove(dense, s), empty),
+      ZEL_BAD_OP(insert(sparse, value, s), -1),
+      ZEL_BAD_OP(remove(sparse, s), empty),
   };
   zel_bad_input::run_ops<int32_t>(
-      {{"-1", -1}, {"2", 2}, {"3", 3}, {"INT32_MIN", INT32_MIN}, {"INT32_MAX", INT32_MAX}}, ops);
-  zel_bad_input::run_ops<int32_t>({{"0", 0}, {"1", 1}},
-                                  std::span(ops).first(2));  // no holes to fill
+      {{"-1", -1}, {"2", 2}, {"INT32_MIN", INT32_MIN}, {"INT32_MAX", INT32_MAX}}, ops);
+  // No holes to fill in the non-sparse one.
+  zel_bad_input::run_ops<int32_t>({{"0", 0}, {"1", 1}}, std::span(ops).first(2));
   EXPECT_EQ(std::tuple(big->capacity, big->count, big->flags), std::tuple(65535, 65535, 0xFF));
   for (lib_array_t *a : {sparse, dense}) {
     EXPECT_EQ(std::tuple(a->used, a->count, a->capacity, a->data[0], a->data[1]),
@@ -71,7 +65,7 @@ TEST(BadInput, Arrays) {
              lib_array_string_remove>();
 }
 
-const std::string kLong = zel_bad_input::text(100000);
+const std::string kLong = std::string(100000, 'x');
 kro_hashset_t *const g_no_set = nullptr;
 kro_ext_hash_id_name_t g_t;  // "a" inserted, its 32-bit ids run out
 kro_ext_hash_id_name_elem_t g_a, g_unnamed, g_late;

@@ -10,7 +10,7 @@ namespace {
 
 char g_name[] = "zel";
 char *const g_argv[] = {g_name, nullptr};
-const std::string kOverlong = "/" + zel_bad_input::text(PATH_MAX + 1);
+const std::string kOverlong = "/" + std::string(PATH_MAX + 1, 'x');
 zel_id_mgr_t g_never{nullptr, 9, 3}, g_done, g_mgr;  // g_mgr has handed out g_id for &g_ctx
 uint32_t g_id, g_out = 77;
 int g_ctx;
@@ -28,16 +28,11 @@ void left_alone(zel_id_mgr_t *) {
 
 using Op = zel_bad_input::Op<zel_id_mgr_t *>;
 const Op kOps[] = {
-    {"get_id", [](zel_id_mgr_t *m) { return intptr_t{zel_id_mgr_get_id(m, &g_ctx, &g_out)}; },
-     ZEL_ID_MGR_ERROR},
-    {"delete_id", [](zel_id_mgr_t *m) { return intptr_t{zel_id_mgr_delete_id(m, 1)}; },
-     ZEL_ID_MGR_ERROR},
-    {"id_to_ctx",
-     [](zel_id_mgr_t *m) { return zel_bad_input::as_result(zel_id_mgr_id_to_ctx(m, 1)); }, 0},
-    {"iterate",
-     [](zel_id_mgr_t *m) { return zel_id_mgr_iterate(m, fail_if_called, nullptr), intptr_t{0}; },
-     0},
-    {"cleanup", [](zel_id_mgr_t *m) { return zel_id_mgr_cleanup(m), intptr_t{0}; }, 0},
+    ZEL_BAD_OP(zel_id_mgr_get_id(s, &g_ctx, &g_out), ZEL_ID_MGR_ERROR),
+    ZEL_BAD_OP(zel_id_mgr_delete_id(s, 1), ZEL_ID_MGR_ERROR),
+    ZEL_BAD_OP(zel_id_mgr_id_to_ctx(s, 1), nullptr),
+    ZEL_BAD_OP(zel_id_mgr_iterate(s, fail_if_called, nullptr), 0),
+    ZEL_BAD_OP(zel_id_mgr_cleanup(s), 0),
 };
 
 const zel_bad_input::Row kRows[] = {
