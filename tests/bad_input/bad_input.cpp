@@ -8,17 +8,25 @@
 
 namespace zel_bad_input {
 
-void run_rows(const Table &table) {
-  for (const Row &row : table) {
+void check(const std::string &label, const std::function<intptr_t()> &call, intptr_t want) {
+  SCOPED_TRACE(label);
+  const long before = zel_test::fault_live_blocks();
+  EXPECT_EQ(call(), want);
+  EXPECT_EQ(zel_test::fault_live_blocks(), before) << "blocks left allocated";
+}
+
+void run_rows(std::span<const Row> rows, void (*before)(), void (*after)(const Row &)) {
+  for (const Row &row : rows) {
+    if (before != nullptr) before();
+    check(row.call, row.run, row.want);
     SCOPED_TRACE(row.call);
-    const long before = zel_test::fault_live_blocks();
-    row.run();
-    EXPECT_EQ(zel_test::fault_live_blocks(), before) << "blocks left allocated";
+    if (after != nullptr) after(row);
   }
 }
 
-void run_traced(const Table &table, any_module_dt_t &record, const char *module_name) {
-  run_rows(table);
+void run_traced(std::span<const Row> rows, any_module_dt_t &record, const char *module_name,
+                void (*before)(), void (*after)(const Row &)) {
+  run_rows(rows, before, after);
   if (record.trace_flag == nullptr) {
     ASSERT_EQ(any_module_dt_init(&record, module_name), 0);
   }
@@ -28,7 +36,7 @@ void run_traced(const Table &table, any_module_dt_t &record, const char *module_
     SCOPED_TRACE(answer != 0 ? "flags on, record and print" : "flags on, checks refuse");
     host_probe_set_subtype_check(answer != 0 ? 0 : 1);
     host_probe_set_chk_int(answer);
-    run_rows(table);
+    run_rows(rows, before, after);
   }
 }
 

@@ -1,4 +1,6 @@
-// Bad input to the growable arrays, the hashed name tables and the name service.
+// Bad input to the growable arrays, the hashed name tables and the name service: capacity 0;
+// NULL arrays, tables, elements, services, handles and names; full arrays, bad indexes and holes;
+// id 0, unknown ids and slots; ids run out; an owner taken.
 #include <zel/array.h>
 #include <zel/name_service.h>
 
@@ -7,47 +9,53 @@
 
 namespace {
 
-using zel_bad_input::expect_each;
-
 char g_value, g_empty;
 
-// The rows of one array family, whose value type is V.
+// The rows of one array family, whose value type is V: a full array of 65535 slots, and a sparse
+// and a non-sparse one of two slots, a value and a hole.
 template <typename V, lib_array_t *(*create)(uint16_t, uint16_t, uint8_t, V),
           int32_t (*append)(lib_array_t *, V), int32_t (*insert)(lib_array_t *, V, int32_t),
           V (*remove)(lib_array_t *, int32_t)>
 void array_rows() {
   static const V value = &g_value, empty = &g_empty;
-  zel_bad_input::run_rows({
-      // capacity 0; NULL array; 65535 slots and more; full fixed-size arrays; bad indexes, holes;
-      // insert and remove on a non-sparse array
-      {"arrays",
-       [] {
-         EXPECT_EQ(create(0, 5, LIB_ARRAY_SPARSE, nullptr), nullptr);
-         expect_each(LIB_ARRAY_FAIL, {append(nullptr, value), insert(nullptr, value, 0)});
-         EXPECT_EQ(remove(nullptr, 0), nullptr);
-         lib_array_t *big = create(LIB_ARRAY_MAX, LIB_ARRAY_MAX, 0xFF, empty);
-         for (unsigned i = 0; i < LIB_ARRAY_MAX; ++i) ASSERT_EQ(append(big, value), int(i));
-         EXPECT_EQ(append(big, value), LIB_ARRAY_FAIL);
-         EXPECT_EQ(std::tuple(big->capacity, big->count, big->flags),
-                   std::tuple(65535, 65535, 0xFF));
-         free(big->data);
-         free(big);
-         for (uint8_t flags : {uint8_t{LIB_ARRAY_SPARSE}, uint8_t{0}}) {
-           lib_array_t *a = create(2, 0, flags, empty);  // slot 0 a value, slot 1 a hole
-           ASSERT_EQ((std::tuple{append(a, value), append(a, empty)}), std::tuple(0, 1));
-           EXPECT_EQ(append(a, value), LIB_ARRAY_FAIL);
-           for (int32_t i : {-1, 0, 1, 2, 3, INT32_MIN, INT32_MAX}) {
-             if (flags != 0 && (i == 0 || i == 1)) continue;  // a hole to fill: not refused
-             EXPECT_EQ((std::tuple{insert(a, value, i), remove(a, i)}), std::tuple(-1, empty)) << i;
-           }
-           EXPECT_EQ(remove(a, 1), empty);  // a hole already
-           EXPECT_EQ(std::tuple(a->used, a->count, a->capacity, a->data[0], a->data[1]),
-                     std::tuple(2, 2, 2, static_cast<void *>(value), static_cast<void *>(empty)));
-           free(a->data);
-           free(a);
-         }
-       }},
-  });
+  static lib_array_t *big = create(LIB_ARRAY_MAX, LIB_ARRAY_MAX, 0xFF, empty),
+                     *sparse = create(2, 0, LIB_ARRAY_SPARSE, empty),
+                     *dense = create(2, 0, 0, empty);
+  for (unsigned i = 0; i < LIB_ARRAY_MAX; ++i) ASSERT_EQ(append(big, value), int(i));
+  for (lib_array_t *a : {sparse, dense}) {
+    ASSERT_EQ((std::tuple{append(a, value), append(a, empty)}), std::tuple(0, 1));
+  }
+  static const zel_bad_input::Row rows[] = {
+      ZEL_BAD_ROW(create(0, 5, LIB_ARRAY_SPARSE, nullptr), nullptr),
+      ZEL_BAD_ROW(append(nullptr, value), LIB_ARRAY_FAIL),
+      ZEL_BAD_ROW(insert(nullptr, value, 0), LIB_ARRAY_FAIL),
+      ZEL_BAD_ROW(remove(nullptr, 0), nullptr),
+      ZEL_BAD_ROW(append(big, value), LIB_ARRAY_FAIL),
+      ZEL_BAD_ROW(append(sparse, value), LIB_ARRAY_FAIL),
+      ZEL_BAD_ROW(append(dense, value), LIB_ARRAY_FAIL),
+      ZEL_BAD_ROW(remove(sparse, 1), empty),  // a hole already
+      ZEL_BAD_ROW(remove(dense, 1), empty),
+  };
+  zel_bad_input::run_rows(rows);
+  static const zel_bad_input::Op<int32_t> ops[] = {
+      ZEL_BAD_OP(insert(dense, value, s), -1),
+      ZEL_BAD_OP(remove(dense, s), empty),
+      ZEL_BAD_OP(insert(sparse, value, s), -1),
+      ZEL_BAD_OP(remove(sparse, s), empty),
+  };
+  zel_bad_input::run_ops<int32_t>(
+      {{"-1", -1}, {"2", 2}, {"INT32_MIN", INT32_MIN}, {"INT32_MAX", INT32_MAX}}, ops);
+  // No holes to fill in the non-sparse one.
+  zel_bad_input::run_ops<int32_t>({{"0", 0}, {"1", 1}}, std::span(ops).first(2));
+  EXPECT_EQ(std::tuple(big->capacity, big->count, big->flags), std::tuple(65535, 65535, 0xFF));
+  for (lib_array_t *a : {sparse, dense}) {
+    EXPECT_EQ(std::tuple(a->used, a->count, a->capacity, a->data[0], a->data[1]),
+              std::tuple(2, 2, 2, static_cast<void *>(value), static_cast<void *>(empty)));
+  }
+  for (lib_array_t *a : {big, sparse, dense}) {
+    free(a->data);
+    free(a);
+  }
 }
 
 TEST(BadInput, Arrays) {
@@ -57,57 +65,68 @@ TEST(BadInput, Arrays) {
              lib_array_string_remove>();
 }
 
+const std::string kLong = std::string(100000, 'x');
+kro_hashset_t *const g_no_set = nullptr;
+kro_ext_hash_id_name_t g_t;  // "a" inserted, its 32-bit ids run out
+kro_ext_hash_id_name_elem_t g_a, g_unnamed, g_late;
+lib_name_service_t *g_svc;  // kLong owned (id 1), "b" shared (id 2, slot 1)
+uint32_t g_owner, g_b, g_h = 0xABCD;
+
+lib_name_service_entry_t *bind_without_ids(uint32_t next) {
+  g_svc->next_id = next;
+  lib_name_service_entry_t *e = lib_name_service_insert(g_svc, &g_h, "c", 0);
+  g_svc->next_id = 3;
+  return e;
+}
+void left_alone(const zel_bad_input::Row &) {
+  EXPECT_EQ(std::tuple(g_h, g_svc->next_id), std::tuple(0xABCDu, 3u));
+}
+
+const zel_bad_input::Row kNameRows[] = {
+    ZEL_BAD_ROW(kro_ext_hash_name_init(nullptr), KRO_HASHSET_EINVAL),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_init(nullptr), KRO_HASHSET_EINVAL),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(nullptr, &g_a), 1),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(&g_t, nullptr), 1),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(&g_t, &g_unnamed), 1),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(&g_t, &g_late), 1),
+    ZEL_BAD_ROW(kro_ext_hash_name_get(nullptr, "a"), nullptr),
+    ZEL_BAD_ROW(kro_ext_hash_name_get(&g_no_set, "a"), nullptr),
+    ZEL_BAD_ROW(kro_ext_hash_name_get(&g_t.names, nullptr), nullptr),
+    ZEL_BAD_ROW(kro_ext_hash_name_get(&g_t.names, kLong.c_str()), nullptr),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_get_by_id(nullptr, 1), nullptr),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_get_by_id(&g_t, 0), nullptr),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_get_by_id(&g_t, 2), nullptr),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_get_by_id(&g_t, UINT32_MAX), nullptr),
+    ZEL_BAD_ROW(lib_name_service_insert(nullptr, &g_h, "a", 1), nullptr),
+    ZEL_BAD_ROW(lib_name_service_insert(g_svc, nullptr, "a", 0), nullptr),
+    ZEL_BAD_ROW(lib_name_service_insert(g_svc, &g_h, nullptr, 0), nullptr),
+    ZEL_BAD_ROW(lib_name_service_insert(g_svc, &g_h, kLong.c_str(), 1), nullptr),  // owned
+    ZEL_BAD_ROW(bind_without_ids(LIB_NAME_SERVICE_MAX_ID + 1), nullptr),
+    ZEL_BAD_ROW(bind_without_ids(0), nullptr),
+    ZEL_BAD_ROW(lib_name_service_remove(nullptr, g_b), nullptr),
+    ZEL_BAD_ROW(lib_name_service_remove(g_svc, 0), nullptr),
+    ZEL_BAD_ROW(lib_name_service_remove(g_svc, 0xFFFF), nullptr),
+    ZEL_BAD_ROW(lib_name_service_remove(g_svc, 3u << 16 | 1), nullptr),
+    ZEL_BAD_ROW(lib_name_service_remove(g_svc, UINT32_MAX), nullptr),
+    ZEL_BAD_ROW(lib_name_service_remove(g_svc, 2u << 16 | 0xFF), nullptr),
+};
+
 TEST(BadInput, NameTablesAndNameService) {
-  static const std::string long_name = zel_bad_input::text(100000);
-  zel_bad_input::run_rows({
-      // name tables and service: NULL addresses, handles, tables, elements, services or names; id
-      // 0, unknown ids and slots; an owner taken
-      {"name tables and service",
-       [] {
-         const auto get = kro_ext_hash_name_get;
-         const auto by_id = kro_ext_hash_id_name_get_by_id;
-         const auto insert = kro_ext_hash_id_name_insert;
-         kro_hashset_t *none = nullptr;
-         kro_ext_hash_id_name_t t{};
-         kro_ext_hash_id_name_elem_t e{}, unnamed{}, late{};
-         e.name = "a";
-         late.name = "b";
-         expect_each(int{KRO_HASHSET_EINVAL},
-                     {kro_ext_hash_name_init(nullptr), kro_ext_hash_id_name_init(nullptr)});
-         ASSERT_EQ(kro_ext_hash_id_name_init(&t), 0);
-         expect_each(1, {insert(nullptr, &e), insert(&t, nullptr), insert(&t, &unnamed)});
-         ASSERT_EQ(insert(&t, &e), 0);
-         t.next_id = 0;  // the 32-bit ids ran out
-         EXPECT_EQ(insert(&t, &late), 1);
-         expect_each<const void *>(
-             nullptr, {get(nullptr, "a"), get(&none, "a"), get(&t.names, nullptr),
-                       get(&t.names, long_name.c_str()), by_id(nullptr, 1), by_id(&t, 0),
-                       by_id(&t, 2), by_id(&t, UINT32_MAX)});
-         kro_hashset_free(&t.names);
-         kro_hashset_free(&t.ids);
-         const auto bind = lib_name_service_insert;
-         lib_name_service_t *svc = lib_name_service_create();
-         uint32_t h = 0xABCD, c = 0;
-         expect_each<const void *>(nullptr, {bind(nullptr, &h, "a", 1), bind(svc, nullptr, "a", 0),
-                                             bind(svc, &h, nullptr, 0)});
-         EXPECT_EQ(std::tuple(h, svc->next_id), std::tuple(0xABCDu, 1u));
-         ASSERT_NE(bind(svc, &h, long_name.c_str(), 1), nullptr);  // id 1
-         EXPECT_EQ(bind(svc, &h, long_name.c_str(), 1), nullptr);
-         lib_name_service_entry_t *b = bind(svc, &c, "b", 0);  // id 2, slot 1
-         b->slots->data[1] = &g_value;
-         EXPECT_EQ(lib_name_service_remove(nullptr, c), nullptr);
-         for (uint32_t unknown : {0u, 0xFFFFu, 3u << 16 | 1, UINT32_MAX, 2u << 16 | 0xFF}) {
-           EXPECT_EQ(lib_name_service_remove(svc, unknown), nullptr) << unknown;
-         }
-         EXPECT_EQ(std::tuple(h, b->slots->count), std::tuple(1u << 16, 2));
-         for (uint32_t next : {LIB_NAME_SERVICE_MAX_ID + 1, 0u}) {  // the handle ids ran out
-           svc->next_id = next;
-           EXPECT_EQ(bind(svc, &h, "c", 0), nullptr);
-         }
-         EXPECT_EQ(lib_name_service_remove(svc, c | 0xFF00u), &g_value);  // bits 8-15 ignored
-         ns_test::destroy(svc);
-       }},
-  });
+  g_a.name = "a";
+  g_late.name = "b";
+  ASSERT_EQ(kro_ext_hash_id_name_init(&g_t) + kro_ext_hash_id_name_insert(&g_t, &g_a), 0);
+  g_t.next_id = 0;
+  g_svc = lib_name_service_create();
+  ASSERT_NE(lib_name_service_insert(g_svc, &g_owner, kLong.c_str(), 1), nullptr);
+  lib_name_service_entry_t *b = lib_name_service_insert(g_svc, &g_b, "b", 0);
+  ASSERT_EQ(std::tuple(g_owner, g_b), std::tuple(1u << 16, 2u << 16 | 1));
+  b->slots->data[1] = &g_value;
+  zel_bad_input::run_rows(kNameRows, nullptr, left_alone);
+  EXPECT_EQ(b->slots->count, 2);
+  EXPECT_EQ(lib_name_service_remove(g_svc, g_b | 0xFF00u), &g_value);  // bits 8-15 ignored
+  ns_test::destroy(g_svc);
+  kro_hashset_free(&g_t.names);
+  kro_hashset_free(&g_t.ids);
 }
 
 }  // namespace

@@ -20,14 +20,6 @@ namespace {
 
 any_module_dt_t test_mod;
 
-std::vector<std::string> journal() {
-  std::vector<std::string> out;
-  for (size_t i = 0; i < kro_probe_journal_count(); ++i) {
-    out.emplace_back(kro_probe_journal_entry(i));
-  }
-  return out;
-}
-
 // Sites of their own, so that their function names and lines are known.
 int trace_entering() {
   ZEL_TRACE(test_mod, ZEL_TRACE_TRACE, 0, "entering\n");
@@ -37,87 +29,81 @@ int trace_bad(int a, const char *b) {
   ZEL_TRACE(test_mod, ZEL_TRACE_ERROR, -7, "bad %d %s\n", a, b);
   return __LINE__ - 1;
 }
-void trace_text(const char *text) {
-  ZEL_TRACE(test_mod, ZEL_TRACE_ERROR, 5, "%s\n", text);
-}
-
-// A filtered-log entry is exact but for the site's slot (returned); the thread id leads the
-// message.
-std::string expect_log(const std::string &entry, const std::string &flag, const std::string &tail) {
-  const std::string head = "_kro_dt_log_filter_adv " + flag + " 0 0 0 0 0 slot=";
-  EXPECT_EQ(entry.compare(0, head.size(), head), 0) << entry;
-  const size_t end = entry.find(' ', head.size());
-  EXPECT_EQ(entry.substr(end + 1),
-            std::to_string(static_cast<unsigned>(pthread_self())) + ": " + tail);
-  return entry.substr(head.size(), end - head.size());
-}
 
 // Each row passes a site: of an all-zero record never registered (its flag reads as off), or of
-// the registered TEST-MOD with the level's flag on or off and the host's answers given.
+// the registered TEST-MOD with the level's flag on or off and the host's answers given. Every
+// pass echoes and ends in the filtered log, exact but for the site's slot; the thread id leads
+// the message. Only the error passed with both answers "yes" reaches the history, whose copy is
+// cut to 511 characters.
 TEST(TracePoint, StepsFormatsAndTheHistoryCut) {
   struct Row {
-    const char *module;
-    bool error, on;
+    bool registered, error, on;
     int subtype_check, chk_int;
     std::vector<std::string> calls;  // before the filtered log
   };
   // clang-format off
   const Row rows[] = {
-      {nullptr, true, false, 0, 1, {"kro_dt_flag_enabled (none) -> 0"}},
-      {"TEST-MOD", false, false, 0, 1, {"kro_dt_flag_enabled TEST-MOD.trace -> 0"}},
-      {"TEST-MOD", true, true, 0, 1, {"kro_dt_flag_enabled TEST-MOD.error -> 1",
+      {false, true, false, 0, 1, {"kro_dt_flag_enabled (none) -> 0"}},
+      {true, false, false, 0, 1, {"kro_dt_flag_enabled TEST-MOD.trace -> 0"}},
+      {true, true, true, 0, 1, {"kro_dt_flag_enabled TEST-MOD.error -> 1",
        "hvlog_hist_event_subtype_check 0x730000 102 -> 0", "hvlog_hist_event 0x730000 15",
        "hvlog_chk_int 102 0 0 1 -> 1", "trcout 1 hvlog_dbg_modname 0 bad 42 x\n\n"}},
-      {"TEST-MOD", false, true, 1, 0, {"kro_dt_flag_enabled TEST-MOD.trace -> 1",
+      {true, false, true, 1, 0, {"kro_dt_flag_enabled TEST-MOD.trace -> 1",
        "hvlog_hist_event_subtype_check 0x730000 104 -> 1", "hvlog_chk_int 104 0 0 1 -> 0"}},
   };
   // clang-format on
   std::vector<std::string> slots;  // one site passed by rows 0 and 2, another by rows 1 and 3
   for (const Row &row : rows) {
     SCOPED_TRACE(row.calls.front());
-    if (row.module != nullptr && test_mod.name == nullptr) {
-      ASSERT_EQ(any_module_dt_init(&test_mod, row.module), 0);
+    if (row.registered && test_mod.name == nullptr) {
+      ASSERT_EQ(any_module_dt_init(&test_mod, "TEST-MOD"), 0);
     }
     const kro_dt_flag_t flag = row.error ? test_mod.error_flag : test_mod.trace_flag;
-    if (row.module != nullptr) {
-      row.on ? kro_dt_flag_enable(flag, row.module) : kro_dt_flag_disable(flag, row.module);
+    if (row.registered) {
+      row.on ? kro_dt_flag_enable(flag, "TEST-MOD") : kro_dt_flag_disable(flag, "TEST-MOD");
     }
     host_probe_set_subtype_check(row.subtype_check);
     host_probe_set_chk_int(row.chk_int);
     kro_probe_journal_start();
     zel_test::StdoutCapture out;
     zel_test::fault_arm(0);
-    const std::string at = std::to_string(row.error ? trace_bad(42, "x") : trace_entering());
+    const int line = row.error ? trace_bad(42, "x") : trace_entering();
     EXPECT_EQ(zel_test::fault_allocations(), 0U);
     EXPECT_EQ(out.take(), row.error ? "bad 42 x\n\n" : "entering\n\n");
-    const auto j = journal();
+    std::vector<std::string> j;
+    for (size_t i = 0; i < kro_probe_journal_count(); ++i)
+      j.emplace_back(kro_probe_journal_entry(i));
     ASSERT_EQ(j.size(), row.calls.size() + 1);
     EXPECT_EQ(std::vector<std::string>(j.begin(), j.end() - 1), row.calls);
-    const std::string module = row.module != nullptr ? row.module : "(null)";
-    slots.push_back(expect_log(
-        j.back(), row.module == nullptr ? "(none)" : module + (row.error ? ".error" : ".trace"),
-        module + (row.error ? ": trace_bad: " + at + ": -7: bad 42 x\n"
-                            : ": trace_entering: " + at + ": 0: entering\n")));
+    const std::string module = row.registered ? "TEST-MOD" : "(null)",
+                      flag_name =
+                          row.registered ? module + (row.error ? ".error" : ".trace") : "(none)",
+                      head = "_kro_dt_log_filter_adv " + flag_name + " 0 0 0 0 0 slot=";
+    const size_t end = j.back().find(' ', head.size());
+    EXPECT_EQ(j.back().substr(0, head.size()), head);
+    slots.push_back(j.back().substr(head.size(), end - head.size()));
+    EXPECT_EQ(j.back().substr(end + 1),
+              std::to_string(static_cast<unsigned>(pthread_self())) + ": " + module +
+                  (row.error ? ": trace_bad: " : ": trace_entering: ") + std::to_string(line) +
+                  (row.error ? ": -7: bad 42 x\n" : ": 0: entering\n"));
   }
   EXPECT_TRUE(slots[0] == slots[2] && slots[1] == slots[3] && slots[0] != slots[1]);
   ASSERT_EQ(host_probe_history_count(), 1U);  // row 2's
   unsigned char rec[600];
   uint32_t id = 0, len = 0, subtype = 0;
   ASSERT_EQ(host_probe_history_get(0, &id, &len, rec, sizeof rec), 0);
-  EXPECT_EQ(id, ZEL_TRACE_EVENT_ID);
-  ASSERT_EQ(len, 15U);  // subtype, "bad 42 x\n\n" and its terminator
   memcpy(&subtype, rec, 4);
-  EXPECT_EQ(subtype, ZEL_TRACE_SUBTYPE_ERROR);
+  EXPECT_EQ(std::tuple(id, len, subtype),
+            std::tuple(ZEL_TRACE_EVENT_ID, 15U, ZEL_TRACE_SUBTYPE_ERROR));
   EXPECT_EQ(std::string(reinterpret_cast<char *>(rec) + 4, 11), std::string("bad 42 x\n\n\0", 11));
-  // 600 characters with the newline: cut to 511 in the history only.
-  const std::string text(599, 'a');
+  const std::string text(599, 'a');  // 600 characters with the newline
   host_probe_set_subtype_check(0);
   zel_test::StdoutCapture out;
-  trace_text(text.c_str());
+  ZEL_TRACE(test_mod, ZEL_TRACE_ERROR, 5, "%s\n", text.c_str());
   EXPECT_EQ(out.take(), text + "\n\n");
   ASSERT_EQ(host_probe_history_get(1, nullptr, &len, rec, sizeof rec), 0);
-  EXPECT_EQ(len, 516U);
-  EXPECT_EQ(strnlen(reinterpret_cast<char *>(rec) + 4, 512), 511U);
+  EXPECT_EQ(std::tuple(len, strnlen(reinterpret_cast<char *>(rec) + 4, 512)),
+            std::tuple(516U, 511U));
 }
 
 // Threads share one site's log slot: every pass echoes, and the slot's rate limit lets at
