@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <iterator>
 
 #include "support/fault.h"
 
@@ -13,6 +12,11 @@ namespace {
 char g_values[64];
 void *v(int i) {
   return i < 0 ? &g_values[63] : &g_values[i];  // -1: the arrays' empty value
+}
+
+void release(lib_array_t *a) {
+  if (a != nullptr) free(a->data);
+  free(a);
 }
 
 // Each step: 'a' append, 'i' insert at `index`, 'r' remove at `index`, with the expected result
@@ -35,48 +39,41 @@ TEST(Array, HolesAndEmptyValues) {
   };
   // clang-format on
   lib_array_t *a = lib_array_pointers_create(3, 3, LIB_ARRAY_SPARSE, v(-1));
-  for (size_t n = 0; n < std::size(steps); ++n) {
-    const Step &s = steps[n];
-    SCOPED_TRACE(::testing::Message() << "step " << n);
-    if (s.op == 'r') {
-      EXPECT_EQ(lib_array_pointers_remove(a, s.index), v(s.expect));
-    } else {
-      EXPECT_EQ(s.op == 'a' ? lib_array_pointers_append(a, v(s.value))
-                            : lib_array_pointers_insert(a, v(s.value), s.index),
-                s.expect);
-    }
-    EXPECT_EQ(a->count, s.count);
-    EXPECT_EQ(a->used, s.used);
+  for (const Step &s : steps) {
+    SCOPED_TRACE(::testing::Message() << "step " << &s - steps);
+    EXPECT_EQ(s.op == 'r'   ? lib_array_pointers_remove(a, s.index)
+              : s.op == 'a' ? v(lib_array_pointers_append(a, v(s.value)))
+                            : v(lib_array_pointers_insert(a, v(s.value), s.index)),
+              v(s.expect));
+    EXPECT_TRUE(a->count == s.count && a->used == s.used);
   }
-  free(a->data);
-  free(a);
+  release(a);
 }
 
+// Capacity and count stop at 65535: a refused growth keeps the array, and its holes can still
+// be refilled; inserting empty into counted holes stops there too.
 TEST(Array, LimitsOf65535) {
   struct Row {
     uint16_t capacity, increment;
     int appends;  // that succeed before the first refusal
   };
   for (const Row &r : {Row{65534, 3, 65534}, Row{65533, 2, 65535}, Row{1, 65535, 1}}) {
-    SCOPED_TRACE(::testing::Message() << "capacity " << r.capacity << " increment " << r.increment);
+    SCOPED_TRACE(r.capacity);
     lib_array_t *a = lib_array_pointers_create(r.capacity, r.increment, LIB_ARRAY_SPARSE, nullptr);
     for (int i = 0; i < r.appends; ++i) ASSERT_EQ(lib_array_pointers_append(a, v(1)), i);
     const uint16_t cap = a->capacity;
     EXPECT_EQ(lib_array_pointers_append(a, v(1)), -1);
     EXPECT_EQ(a->capacity, cap);
     EXPECT_EQ(lib_array_pointers_remove(a, 0), v(1));
-    EXPECT_EQ(lib_array_pointers_insert(a, v(2), 0), 0);  // a hole can still be refilled
-    free(a->data);
-    free(a);
+    EXPECT_EQ(lib_array_pointers_insert(a, v(2), 0), 0);
+    release(a);
   }
-  // count can outgrow used by inserting empty into counted holes; it stops at 65535.
   lib_array_t *a = lib_array_pointers_create(1, 1, LIB_ARRAY_SPARSE, nullptr);
   for (int i = 0; i < 65535; ++i) ASSERT_EQ(lib_array_pointers_insert(a, nullptr, 0), 0);
   EXPECT_EQ(lib_array_pointers_insert(a, nullptr, 0), -1);
   EXPECT_EQ(lib_array_pointers_append(a, v(1)), -1);
   EXPECT_TRUE(a->count == 65535 && a->used == 1);
-  free(a->data);
-  free(a);
+  release(a);
 }
 
 // One sweep over creation and three growths, appends and an insert that finds no hole: a
@@ -98,8 +95,7 @@ TEST(Array, AllocationFailuresLeaveTheArrayAsItWas) {
         for (int k = a->used; flags != 0 && k < a->capacity; ++k) EXPECT_EQ(a->data[k], nullptr);
         if (got < 0) break;
       }
-      if (a != nullptr) free(a->data);
-      free(a);
+      release(a);
       return zel_test::fault_fired();
     });
     EXPECT_EQ(allocations, 5u);  // the record, its slots, three growths

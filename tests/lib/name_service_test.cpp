@@ -1,14 +1,12 @@
 // The name service, and what lib/ gives the channels: the process-wide service and mutex.
 // Link-time wrappers make the platform's mutex init, the id-name insert and the slot-0
-// reservation fail on demand.
+// reservation fail on demand: each makes one allocation, so a fault sweep fails it in its turn.
 #include "lib/lib_internal.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
-#include <iterator>
 #include <latch>
 #include <thread>
 #include <vector>
@@ -16,28 +14,8 @@
 #include "lib/ns_support.h"
 #include "support/fault.h"
 
-// The public records' layouts are fixed on both word sizes: w(32-bit, 64-bit).
-constexpr size_t w(size_t on32, size_t on64) {
-  return sizeof(void *) == 4 ? on32 : on64;
-}
-static_assert(sizeof(lib_array_t) == w(20, 32) && offsetof(lib_array_t, capacity) == w(4, 8) &&
-              offsetof(lib_array_t, flags) == w(10, 14) &&
-              offsetof(lib_array_t, empty) == w(12, 16) &&
-              offsetof(lib_array_t, count) == w(16, 24));
-static_assert(sizeof(kro_ext_hash_id_name_t) == w(12, 24) &&
-              offsetof(kro_ext_hash_id_name_t, next_id) == w(8, 16));
-static_assert(sizeof(kro_ext_hash_id_name_elem_t) == w(24, 48) &&
-              offsetof(kro_ext_hash_id_name_elem_t, name) == w(8, 16) &&
-              offsetof(kro_ext_hash_id_name_elem_t, id_link) == w(12, 24) &&
-              offsetof(kro_ext_hash_id_name_elem_t, id) == w(20, 40));
-static_assert(sizeof(lib_name_service_entry_t) == w(32, 64) &&
-              offsetof(lib_name_service_entry_t, flags) == w(24, 48) &&
-              offsetof(lib_name_service_entry_t, slots) == w(28, 56));
-
 namespace {
 std::atomic<int> g_mutex_inits{0};
-// One wrapped allocation stands in for a call that can't fail for want of memory, so that a
-// fault sweep fails that call at its turn like any allocation.
 bool stand_in() {
   void *p = malloc(1);
   free(p);
@@ -75,9 +53,9 @@ uint32_t bind(lib_name_service_t *svc, const char *name, bool exclusive) {
   return e == nullptr ? 0 : h;
 }
 
-// Each row binds ('x' owner, 's' shared; expected handle, 0 refused) and releases ('r' of a
-// handle; `value`: the slot's object comes back), with the name's slot count afterwards (0: no
-// entry) and its owner flag.
+// Each row binds ('x' owner, 's' shared; expected handle, 0 refused; 'S' binds shared until
+// refused, expecting `handle` bindings) and releases ('r' of a handle; `value`: the slot's
+// object comes back), with the name's slot count afterwards (0: no entry) and its owner flag.
 struct Step {
   char op;
   const char *name;
@@ -107,6 +85,9 @@ const Row kRows[] = {
     {"shared slots are reused lowest first, and grow past the first three",
      {{'s', "a", 0x10001, 0, 2, 0}, {'s', "a", 0x10002, 0, 3, 0}, {'s', "a", 0x10003, 0, 4, 0},
       {'r', "a", 0x10002, 1, 3, 0}, {'s', "a", 0x10002, 0, 4, 0}, {'s', "a", 0x10004, 0, 5, 0}}},
+    {"shared slots stop at 255, the owner slot is not one of them",
+     {{'S', "a", 255, 0, 256, 0}, {'x', "a", 0x10000, 0, 256, 1}, {'r', "a", 0x10080, 1, 255, 1},
+      {'s', "a", 0x10080, 0, 256, 1}}},
     {"unknown ids and slots never handed out change nothing",
      {{'r', "a", 0x10000, 0, 0, 0}, {'x', "a", 0x10000, 0, 1, 1}, {'r', "a", 0x20000, 0, 1, 1},
       {'r', "a", 0x10005, 0, 1, 1}, {'r', "a", 0x00000, 0, 1, 1}}},
@@ -117,12 +98,15 @@ TEST(NameService, HandleSequences) {
   for (const Row &row : kRows) {
     SCOPED_TRACE(row.what);
     lib_name_service_t *svc = lib_name_service_create();
-    for (size_t n = 0; n < row.steps.size(); ++n) {
-      const Step &s = row.steps[n];
-      SCOPED_TRACE(::testing::Message() << "step " << n);
+    for (const Step &s : row.steps) {
+      SCOPED_TRACE(::testing::Message() << "step " << &s - row.steps.data());
       if (s.op == 'r') {
         void *want = s.value ? &g_objects[lib_name_service_handle_slot(s.handle)] : nullptr;
         EXPECT_EQ(lib_name_service_remove(svc, s.handle), want);
+      } else if (s.op == 'S') {
+        uint32_t bound = 0;
+        for (uint32_t h; (h = bind(svc, s.name, false)) != 0; ++bound) ASSERT_LE(bound, 256u);
+        EXPECT_EQ(bound, s.handle);
       } else {
         EXPECT_EQ(bind(svc, s.name, s.op == 'x'), s.handle);
       }
@@ -134,55 +118,45 @@ TEST(NameService, HandleSequences) {
   }
 }
 
-TEST(NameService, SlotsStopAt255AndIdsAt65535) {
+// Ids stop at 65535: a new name is then refused, names with entries still bind, and the
+// id-name insert leaves a present name alone. The channels' binding instead hands out ids given
+// back, oldest first, once the fresh ones are used up, and refuses a new name when none are.
+TEST(NameService, IdsStopAt65535AndRecycleOldestFirst) {
   lib_name_service_t *svc = lib_name_service_create();
-  for (uint32_t s = 1; s <= 255; ++s) ASSERT_EQ(bind(svc, "n", false), 0x10000 | s);
-  EXPECT_EQ(bind(svc, "n", false), 0u);
-  EXPECT_EQ(bind(svc, "n", true), 0x10000u);  // the owner slot is not a shared slot
-  EXPECT_EQ(lib_name_service_remove(svc, 0x10080), &g_objects[0x80]);
-  EXPECT_EQ(bind(svc, "n", false), 0x10080u);
   svc->next_id = 65535;
   EXPECT_EQ(bind(svc, "last", true), 0xFFFF0000u);
   EXPECT_EQ(bind(svc, "new", false), 0u);
-  EXPECT_EQ(bind(svc, "last", false), 0xFFFF0001u);  // names with entries still bind
+  EXPECT_EQ(bind(svc, "last", false), 0xFFFF0001u);
   kro_ext_hash_id_name_elem_t again{};
   again.name = "last";
-  EXPECT_EQ(kro_ext_hash_id_name_insert(svc, &again), 0);  // a present name is left alone
-  EXPECT_EQ(again.id, 0u);
-  EXPECT_EQ(svc->next_id, 65536u);
+  EXPECT_EQ(kro_ext_hash_id_name_insert(svc, &again), 0);
+  EXPECT_TRUE(again.id == 0 && svc->next_id == 65536u);
   ns_test::destroy(svc);
-}
-
-// The channels' binding: once the fresh ids are used up, ids given back are handed out again,
-// oldest first; with none given back, a new name is refused.
-TEST(NameService, RecyclingHandsIdsBackOldestFirstOnceFreshOnesAreUsedUp) {
-  lib_name_service_t *svc = lib_name_service_create();
+  svc = lib_name_service_create();
   lib_name_service_ids ids{};
-  auto bind_r = [&](const char *name) {
+  auto bind_r = [&](const char *name, int exclusive) {
     uint32_t h = 0;
-    lib_name_service_entry_t *e = lib_name_service_insert_recycling(svc, &h, name, 1, &ids);
-    if (e != nullptr) *lib_name_service_slot(svc, h) = &g_objects[0];
+    lib_name_service_entry_t *e = lib_name_service_insert_recycling(svc, &h, name, exclusive, &ids);
+    if (e != nullptr) *lib_name_service_slot(svc, h) = &g_objects[h & 1];
     return e != nullptr ? h : 0;
   };
   svc->next_id = 65534;
-  const uint32_t a = bind_r("a"), b = bind_r("b");
-  EXPECT_EQ(a, 0xFFFE0000u);
-  EXPECT_EQ(b, 0xFFFF0000u);
-  EXPECT_EQ(bind_r("c"), 0u);  // every id bound
-  for (uint32_t h : {b, a}) {  // 65535 goes back first
+  const uint32_t a = bind_r("a", 1), b = bind_r("b", 1);
+  EXPECT_TRUE(a == 0xFFFE0000u && b == 0xFFFF0000u);
+  EXPECT_EQ(bind_r("c", 1), 0u);  // every id bound
+  for (uint32_t h : {b, a}) {     // 65535 goes back first
     EXPECT_NE(lib_name_service_remove(svc, h), nullptr);
     lib_name_service_ids_put(&ids, h >> 16);
   }
-  EXPECT_EQ(bind_r("c"), 0xFFFF0000u);
-  uint32_t shared = 0;  // a shared-only entry dropped by its user gives its id back too
-  lib_name_service_entry_t *d = lib_name_service_insert_recycling(svc, &shared, "d", 0, &ids);
-  ASSERT_NE(d, nullptr);
+  EXPECT_EQ(bind_r("c", 1), 0xFFFF0000u);
+  // A shared-only entry dropped by its user gives its id back too.
+  const uint32_t shared = bind_r("d", 0);
   EXPECT_EQ(shared, 0xFFFE0001u);
-  *lib_name_service_slot(svc, shared) = &g_objects[1];
+  lib_name_service_entry_t *d = ns_test::entry_of(svc, "d");
   EXPECT_EQ(lib_name_service_remove(svc, shared), &g_objects[1]);  // the entry stays
   ASSERT_TRUE(lib_name_service_entry_unbound(d));
   lib_name_service_entry_drop(svc, d, &ids);
-  EXPECT_EQ(bind_r("e"), 0xFFFE0000u);
+  EXPECT_EQ(bind_r("e", 1), 0xFFFE0000u);
   free(ids.ring);
   ns_test::destroy(svc);
 }
@@ -196,7 +170,7 @@ TEST(NameService, FailuresChangeNothing) {
     lib_name_service_t *svc = lib_name_service_create();
     EXPECT_EQ(svc == nullptr, zel_test::fault_fired());
     const char *const names[] = {"a", "b", "b", "b", "a"};
-    for (size_t i = 0; svc != nullptr && i < std::size(names); ++i) {
+    for (size_t i = 0; svc != nullptr && i < 5; ++i) {
       const uint32_t next_id = svc->next_id;
       lib_name_service_entry_t *e = ns_test::entry_of(svc, names[i]);
       const int count = e == nullptr ? 0 : e->slots->count;
@@ -213,6 +187,20 @@ TEST(NameService, FailuresChangeNothing) {
   EXPECT_EQ(allocations, 16u);
 }
 
+// A failed creation publishes nothing, leaves nothing allocated and is tried again by the next
+// call. Failed in turn: the mutex init, then (the mutex up) the table and the sets' four blocks.
+TEST(ItcNameService, FailedCreationIsRetried) {
+  for (unsigned n : {1u, 2u, 1u, 2u, 3u, 4u, 5u}) {
+    const long before = zel_test::fault_live_blocks();
+    zel_test::FaultScope fault(n);
+    EXPECT_EQ(lib_itc_name_service_get(), nullptr) << n;
+    EXPECT_TRUE(zel_test::fault_fired() && zel_test::fault_live_blocks() == before) << n;
+  }
+  lib_name_service_t *svc = lib_itc_name_service_get();
+  EXPECT_TRUE(svc != nullptr && svc == lib_itc_name_service_get() && g_mutex_inits == 1);
+}
+
+// Concurrent first calls create one service and initialise the mutex once; the mutex guards it.
 TEST(ItcNameService, ConcurrentFirstCallsCreateOneServiceAndTheMutexGuardsIt) {
   constexpr int kThreads = 4, kRounds = 200;
   std::latch start(kThreads);
@@ -241,20 +229,6 @@ TEST(ItcNameService, ConcurrentFirstCallsCreateOneServiceAndTheMutexGuardsIt) {
   EXPECT_EQ(found, kThreads * kRounds);
   EXPECT_EQ(g_mutex_inits, 1);
   EXPECT_EQ(ns_test::entry_of(seen[0], "shared")->slots->count, 1);
-}
-
-// A failed creation publishes nothing, leaves nothing allocated and is tried again by the next
-// call. Failed in turn: the mutex init, then (the mutex up) the table and the sets' four blocks.
-TEST(ItcNameService, FailedCreationIsRetried) {
-  for (unsigned n : {1u, 2u, 1u, 2u, 3u, 4u, 5u}) {
-    const long before = zel_test::fault_live_blocks();
-    zel_test::FaultScope fault(n);
-    EXPECT_EQ(lib_itc_name_service_get(), nullptr) << n;
-    EXPECT_TRUE(zel_test::fault_fired() && zel_test::fault_live_blocks() == before) << n;
-  }
-  EXPECT_NE(lib_itc_name_service_get(), nullptr);
-  EXPECT_EQ(lib_itc_name_service_get(), lib_itc_name_service_get());
-  EXPECT_EQ(g_mutex_inits, 1);
 }
 
 }  // namespace

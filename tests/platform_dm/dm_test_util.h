@@ -1,5 +1,4 @@
-// Helpers of the dispatch manager tests: a clock the test drives, a message shape, a manager
-// owned by the test, and a loop thread that runs a manager until destroyed.
+// Helpers of the dispatch manager tests.
 #ifndef ZEL_TESTS_PLATFORM_DM_DM_TEST_UTIL_H_
 #define ZEL_TESTS_PLATFORM_DM_DM_TEST_UTIL_H_
 
@@ -17,7 +16,6 @@ struct FakeClock {
   static uint64_t read(void *arg) { return static_cast<FakeClock *>(arg)->ns.load(); }
 };
 
-// A message: the link word the queue uses, then the payload.
 struct Msg {
   void *link = nullptr;
   uint32_t producer = 0, seq = 0;
@@ -38,8 +36,7 @@ struct Dm {
   }
 };
 
-// Runs wait + dispatch on its own thread until destroyed; the destructor wakes the manager from
-// the destroying thread.
+// Runs wait + dispatch on its own thread until destroyed, which wakes it from the destroyer.
 struct Loop {
   kro_dm_t *dm;
   std::atomic<bool> done{false};

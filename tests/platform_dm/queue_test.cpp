@@ -1,7 +1,6 @@
-// Watched queues: order, the length limit, re-running handlers, deregistration with messages
-// queued; with real threads: many producers, deregistration racing producers, wake-up
-// coalescing and wake-ups from other threads.
-#include <cstddef>
+// Watched queues (alone, with real threads, beside descriptors) and descriptor registrations.
+#include <unistd.h>
+
 #include <cstdlib>
 #include <tuple>
 #include <vector>
@@ -13,8 +12,6 @@ using dm_test::Dm;
 using dm_test::make_queue;
 using dm_test::Msg;
 
-static_assert(offsetof(kro_dm_watched_queue_attr_t, max_len) == 0, "length limit comes first");
-
 namespace {
 
 // Records what the handler dequeued, one message per run.
@@ -25,7 +22,12 @@ void take_one(kro_dm_watched_queue_t *q, void *got) {
   }
 }
 
-TEST(DmQueue, FifoLengthLimitAndRerunWhileMessagesLeft) {
+void self_destroy(kro_dm_watched_queue_t *q, void *dm) {
+  EXPECT_EQ(kro_dm_watched_queue_deregister(static_cast<kro_dm_t *>(dm), q), 0);
+  EXPECT_EQ(kro_dm_watched_queue_destroy(&q), 0);
+}
+
+TEST(DmQueue, FifoLengthLimitRerunAndSelfDestroyWithMessagesLeft) {
   Dm d;
   kro_dm_watched_queue_t *q = make_queue(3);
   Msg m[4] = {{&m[0]}, {&m[1]}, {&m[2]}, {&m[3]}};  // whatever the link holds on entry
@@ -41,24 +43,14 @@ TEST(DmQueue, FifoLengthLimitAndRerunWhileMessagesLeft) {
     EXPECT_EQ(got.size(), step);
   }
   EXPECT_EQ(got, (std::vector<void *>{&m[0], &m[1], &m[2], &m[3]}));
-  EXPECT_EQ(kro_dm_watched_queue_deregister(d.dm, q), 0);
-  EXPECT_EQ(kro_dm_watched_queue_destroy(&q), 0);
-}
-
-// A handler that deregisters and destroys its own queue with messages left: the drain frees
-// them (heap blocks here), nothing leaks and the handler is not called again.
-void self_destroy(kro_dm_watched_queue_t *q, void *dm) {
-  EXPECT_EQ(kro_dm_watched_queue_deregister(static_cast<kro_dm_t *>(dm), q), 0);
-  EXPECT_EQ(kro_dm_watched_queue_destroy(&q), 0);
-}
-
-TEST(DmQueue, DeregisterWithMessagesQueued) {
-  Dm d;
-  kro_dm_watched_queue_t *a = make_queue(8, [](void *msg, void *) { free(msg); });
-  ASSERT_EQ(kro_dm_watched_queue_register(d.dm, a, self_destroy, d.dm), 0);
+  EXPECT_EQ(kro_dm_watched_queue_deregister(d.dm, q) + kro_dm_watched_queue_destroy(&q), 0);
+  // A handler that deregisters and destroys its own queue with messages left: the drain frees
+  // them (heap blocks here), nothing leaks and the handler is not called again.
+  q = make_queue(8, [](void *msg, void *) { free(msg); });
+  ASSERT_EQ(kro_dm_watched_queue_register(d.dm, q, self_destroy, d.dm), 0);
   const long live = zel_test::fault_live_blocks();
   for (int i = 0; i < 3; ++i) {
-    ASSERT_EQ(kro_dm_watched_queue_enqueue(a, calloc(1, sizeof(Msg))), 0);
+    ASSERT_EQ(kro_dm_watched_queue_enqueue(q, calloc(1, sizeof(Msg))), 0);
   }
   ASSERT_EQ(kro_dm_dispatch(d.dm) + kro_dm_dispatch(d.dm), 0);
   EXPECT_EQ(zel_test::fault_live_blocks(), live - 1);  // the queue and its messages freed
@@ -155,6 +147,68 @@ TEST(DmQueueThreads, ManyProducersLoseNothingAndWakeupsCoalesce) {
     }
     EXPECT_EQ(c.handled + left, accepted);
     EXPECT_EQ(kro_dm_watched_queue_destroy(&q), 0);
+  }
+}
+
+// Counts callbacks; with `rearm`, reads one byte and registers again.
+struct Reader {
+  unsigned calls = 0;
+  bool rearm = false;
+  static void handler(kro_dm_t *dm, int fd, uint32_t selector, void *cookie) {
+    auto *r = static_cast<Reader *>(cookie);
+    ++r->calls;
+    EXPECT_EQ(selector, KRO_DM_FD_READABLE);
+    char c;
+    EXPECT_EQ(r->rearm && read(fd, &c, 1) == 1 ? r->arm(dm, fd) : 0, 0);
+  }
+  int arm(kro_dm_t *dm, int fd, uint32_t sel = KRO_DM_FD_READABLE) {
+    return kro_dm_fd_register(dm, fd, sel, handler, this);
+  }
+};
+
+// A queue whose handler always leaves a message keeps the manager busy.
+void requeue(kro_dm_watched_queue_t *q, void *) {
+  void *m = nullptr;
+  ASSERT_EQ(kro_dm_watched_queue_dequeue(q, &m) + kro_dm_watched_queue_enqueue(q, m), 0);
+}
+
+// One callback per readiness until registered again (also from the handler). Readiness already
+// collected by the wait is dropped with the registration (by cookie here). A busy queue keeps
+// the manager from sleeping, but the busy wait still polls the descriptors.
+TEST(DmFd, OneCallbackPerReadinessWithdrawalAndBusyQueues) {
+  dm_test::Dm d;
+  int p[6];
+  ASSERT_EQ(pipe(p) + pipe(p + 2) + pipe(p + 4), 0);
+  Reader r, gone;
+  ASSERT_EQ(r.arm(d.dm, p[0]), 0);
+  ASSERT_EQ(write(p[1], "xxx", 3), 3);
+  d.step();
+  kro_dm_wake(d.dm);  // the bytes are still unread, but the registrations were used up
+  d.step();
+  EXPECT_EQ(r.calls, 1u);
+  r.rearm = true;  // from now on the handler consumes a byte and re-arms
+  ASSERT_EQ(r.arm(d.dm, p[0]), 0);
+  for (unsigned n = 2; n <= 4; ++n) {
+    d.step();
+    EXPECT_EQ(r.calls, n);
+  }
+  kro_dm_watched_queue_t *q = dm_test::make_queue(8, [](void *, void *) {});
+  dm_test::Msg m;
+  ASSERT_EQ(kro_dm_watched_queue_register(d.dm, q, requeue, nullptr), 0);
+  ASSERT_EQ(kro_dm_watched_queue_enqueue(q, &m), 0);
+  ASSERT_EQ(gone.arm(d.dm, p[2]) + gone.arm(d.dm, p[4]), 0);
+  d.step();
+  ASSERT_EQ(write(p[1], "x", 1) + write(p[3], "x", 1) + write(p[5], "x", 1), 3);
+  ASSERT_EQ(kro_dm_wait(d.dm), 0);  // all three collected
+  EXPECT_EQ(kro_dm_fd_deregister_cookie(d.dm, &gone), 0);
+  ASSERT_EQ(kro_dm_dispatch(d.dm), 0);
+  EXPECT_EQ(gone.calls, 0u);
+  EXPECT_EQ(r.calls, 5u);
+  EXPECT_GE(d.stats().polls, 2u);
+  ASSERT_EQ(kro_dm_watched_queue_deregister(d.dm, q) + kro_dm_watched_queue_destroy(&q), 0);
+  EXPECT_EQ(kro_dm_destroy(&d.dm), 0);  // drops the registration left
+  for (int fd : p) {
+    close(fd);
   }
 }
 

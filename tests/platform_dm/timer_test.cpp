@@ -1,6 +1,7 @@
-// Timers of the dispatch manager (order, the next-step rule, deletion from handlers, arming from
-// other threads) and the managed timer trees on top of them.
+// Timers of the dispatch manager and the managed timer trees on top of them; every allocation
+// of the manager and the trees failed in turn.
 #include <kro/mgd_timer.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -69,8 +70,8 @@ TEST(DmTimer, OrderNextStepRuleAndDeletion) {
   EXPECT_EQ(log, "rkrrbeca");
 }  // the manager deletes the timers left
 
-// The way a channel close schedules its clean-up: create and arm {0, 0} (some 1 ms) from a
-// foreign thread; the handler, on the manager's thread, deletes its own timer.
+// As a channel close schedules its clean-up: create and arm {0, 0} (some 1 ms) from foreign
+// threads, waking the sleeping manager; the handler, on its thread, deletes its own timer.
 TEST(DmTimer, ArmedFromOtherThreadsRunOnManagerThread) {
   constexpr unsigned kThreads = 4, kEach = 500;
   static std::atomic<unsigned> runs{0};
@@ -157,6 +158,75 @@ TEST(MgdTimer, LeavesInDeadlineOrderAndEveryTeardownOrder) {
     EXPECT_EQ(kro_mgd_timer_leaf_free(&l), 0);
   }
   EXPECT_EQ(zel_test::fault_live_blocks(), live - 7);  // 5 leaves, then the tree and its heap
+}
+
+// Fails each allocation of `call` in turn (ENOMEM expected); `undo` releases what it made.
+template <typename Call, typename Undo>
+unsigned sweep(Call call, Undo undo) {
+  return zel_test::fault_sweep([&](unsigned n) {
+    int rc;
+    {
+      zel_test::FaultScope scope(n);
+      rc = call();
+    }
+    EXPECT_EQ(rc, zel_test::fault_fired() ? KRO_DM_ENOMEM : 0) << "failing allocation " << n;
+    undo();
+    return zel_test::fault_fired();
+  });
+}
+
+int made(const void *p) {
+  return p != nullptr ? 0 : KRO_MGD_TIMER_ENOMEM;
+}
+
+TEST(DmFault, EveryAllocationFailsCleanly) {
+  kro_dm_t *dm = nullptr;
+  kro_dm_watched_queue_t *q = nullptr;
+  EXPECT_EQ(sweep([&] { return kro_dm_create(&dm); }, [&] { kro_dm_destroy(&dm); }),
+            2u);  // the manager, its timer heap
+  EXPECT_EQ(sweep([&] { return kro_dm_watched_queue_create("q", 1, nullptr, &q); },
+                  [&] { kro_dm_watched_queue_destroy(&q); }),
+            1u);
+  dm_test::Dm d;
+  kro_dm_timer_t *t = nullptr, *timers[8];
+  kro_dm_timer_fn noop_timer = [](auto, auto, auto) { return 0; };
+  auto timer = [&] {
+    return sweep([&] { return kro_dm_timer_register(d.dm, &t, noop_timer, nullptr); },
+                 [&] { kro_dm_timer_register(d.dm, &t, nullptr, nullptr); });
+  };
+  EXPECT_EQ(timer(), 1u);              // the record
+  for (kro_dm_timer_t *&x : timers) {  // left for the manager's destroy to delete
+    ASSERT_EQ(kro_dm_timer_register(d.dm, &x, noop_timer, nullptr), 0);
+  }
+  EXPECT_EQ(timer(), 2u);  // with a full heap, its growth too
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  kro_dm_fd_fn noop_fd = [](auto, auto, auto, auto) {};
+  auto reg = [&] { return kro_dm_fd_register(d.dm, fds[0], 1, noop_fd, nullptr); };
+  EXPECT_EQ(sweep(reg, [&] { kro_dm_fd_deregister(d.dm, fds[0]); }), 1u);
+  // A tree: itself and its leaf heap; attaching: the manager timer; a leaf beyond the heap's
+  // first room (8): the heap's growth and the leaf.
+  kro_mgd_timer_tree_t *tree = nullptr;
+  kro_mgd_timer_leaf_t *leaves[9] = {};
+  kro_mgd_timer_fn noop_leaf = [](auto, auto, auto) { return 0; };
+  EXPECT_EQ(sweep([&] { return made(tree = kro_mgd_timer_tree_alloc()); },
+                  [&] { kro_mgd_timer_tree_free(&tree); }),
+            2u);
+  tree = kro_mgd_timer_tree_alloc();
+  EXPECT_EQ(sweep([&] { return kro_mgd_timer_attach_xdm(tree, d.dm, noop_leaf); },
+                  [&] { kro_mgd_timer_detach_xdm(tree); }),
+            1u);
+  for (int i = 0; i < 8; ++i) {
+    leaves[i] = kro_mgd_timer_leaf_alloc(tree, 0, KRO_MGD_TIMER_ONESHOT, nullptr);
+  }
+  EXPECT_EQ(sweep([&] { return made(leaves[8] = kro_mgd_timer_leaf_alloc(tree, 0, 1, nullptr)); },
+                  [&] { kro_mgd_timer_leaf_free(&leaves[8]); }),
+            2u);
+  for (kro_mgd_timer_leaf_t *&l : leaves) {
+    kro_mgd_timer_leaf_free(&l);
+  }
+  kro_mgd_timer_tree_free(&tree);
+  EXPECT_EQ(close(fds[0]) + close(fds[1]), 0);
 }
 
 }  // namespace
