@@ -1,12 +1,11 @@
 // The IPC client registry: what each operation prints and journals, the name and id limits,
-// lookups with equal keys against a model, allocation failures and threads.
+// lookups with equal keys against a model on several threads at once, allocation failures.
 #include <host/probe.h>
 #include <kro/probe.h>
 #include <zel/ipc_reg.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <barrier>
 #include <cstddef>
 #include <random>
@@ -108,53 +107,66 @@ TEST(IpcReg, MessagesAndTracePointsOfOneCycle) {
   zel_ipc_reg_mgr_cleanup(&top);
 }
 
-// Random adds (new, or again of a linked one), deletes and lookups against a list of the linked
-// registrations in the order first added: a lookup finds the newest one with the key. Names
-// include two of 100 characters differing in the last, looked up also longer and shorter; the
-// tables grow and shrink several times. Nothing stays allocated.
-TEST(IpcReg, LookupsFollowAModelOfEqualKeys) {
+// Threads racing through their first set-up register the trace module once, and each goes on
+// only once it is registered. Then each runs a registry of its own through random adds (new, or
+// again of a linked one), deletes and lookups against a list of its linked registrations in the
+// order first added: a lookup finds the newest one with the key. Names include two of 100
+// characters differing in the last, looked up also longer and shorter; the tables grow and
+// shrink several times. Nothing stays allocated.
+TEST(IpcReg, ThreadsRunRegistriesAgainstAModelOfEqualKeys) {
   StdoutCapture quiet;
   const long live_before = zel_test::fault_live_blocks();
-  zel_ipc_reg_top_t top{};
-  ASSERT_EQ(zel_ipc_reg_mgr_init(&top), ZEL_IPC_REG_OK);
   const std::string names[] = {"a", "b", "twin", k100, k100.substr(0, 99) + "m"};
   const uint32_t ids[] = {1, 2, 5, 0x80000000u, 0xffffffffu};
-  std::vector<zel_ipc_reg_t *> linked;
-  const auto newest = [&linked](auto same) {
-    const auto it = std::find_if(linked.rbegin(), linked.rend(), same);
-    return it == linked.rend() ? nullptr : *it;
-  };
-  std::mt19937 rng(7);
-  for (int step = 0; step < 3000; ++step) {
-    const unsigned r = rng() % 100;
-    if (linked.empty() || r < (step % 1000 < 600 ? 60u : 25u)) {
-      zel_ipc_reg_t *e = zel_ipc_reg_new(names[rng() % 5].c_str(), ids[rng() % 5], 0);
-      zel_ipc_reg_add(&top, linked.emplace_back(e));
-    } else if (r < 70) {
-      zel_ipc_reg_add(&top, linked[rng() % linked.size()]);  // changes nothing
-    } else {
-      const auto victim = linked.begin() + static_cast<std::ptrdiff_t>(rng() % linked.size());
-      zel_ipc_reg_delete(&top, *victim);
-      zel_ipc_reg_cleanup(*victim);
-      linked.erase(victim);
-    }
-    for (int k = 0; k < 5; ++k) {
-      const std::string &n = names[k];
-      ASSERT_EQ(zel_ipc_reg_get_by_id(top, ids[k]),
-                newest([&](zel_ipc_reg_t *e) { return e->id == ids[k]; }))
-          << step;
-      ASSERT_EQ(zel_ipc_reg_get_by_name(top, (n + (n.size() == 100 ? "tail" : "")).c_str()),
-                newest([&](zel_ipc_reg_t *e) { return e->name == n; }))
-          << step;
-    }
-    ASSERT_EQ(zel_ipc_reg_get_by_name(top, k100.substr(0, 99).c_str()), nullptr);
+  std::barrier start(4);
+  std::vector<std::jthread> threads;
+  for (unsigned t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      start.arrive_and_wait();
+      zel_ipc_reg_top_t top{};
+      ASSERT_EQ(zel_ipc_reg_mgr_init(&top), ZEL_IPC_REG_OK);
+      ASSERT_TRUE(zel_ipc_reg_mgr_amdt.name != nullptr &&
+                  zel_ipc_reg_mgr_amdt.error_flag != nullptr);
+      std::vector<zel_ipc_reg_t *> linked;
+      const auto newest = [&linked](auto same) {
+        const auto it = std::find_if(linked.rbegin(), linked.rend(), same);
+        return it == linked.rend() ? nullptr : *it;
+      };
+      std::mt19937 rng(t);
+      for (int step = 0; step < 3000; ++step) {
+        const unsigned r = rng() % 100;
+        if (linked.empty() || r < (step % 1000 < 600 ? 60u : 25u)) {
+          zel_ipc_reg_t *e = zel_ipc_reg_new(names[rng() % 5].c_str(), ids[rng() % 5], 0);
+          zel_ipc_reg_add(&top, linked.emplace_back(e));
+        } else if (r < 70) {
+          zel_ipc_reg_add(&top, linked[rng() % linked.size()]);  // changes nothing
+        } else {
+          const auto victim = linked.begin() + static_cast<std::ptrdiff_t>(rng() % linked.size());
+          zel_ipc_reg_delete(&top, *victim);
+          zel_ipc_reg_cleanup(*victim);
+          linked.erase(victim);
+        }
+        for (int k = 0; k < 5; ++k) {
+          const std::string &n = names[k];
+          ASSERT_EQ(zel_ipc_reg_get_by_id(top, ids[k]),
+                    newest([&](zel_ipc_reg_t *e) { return e->id == ids[k]; }))
+              << step;
+          ASSERT_EQ(zel_ipc_reg_get_by_name(top, (n + (n.size() == 100 ? "tail" : "")).c_str()),
+                    newest([&](zel_ipc_reg_t *e) { return e->name == n; }))
+              << step;
+        }
+        ASSERT_EQ(zel_ipc_reg_get_by_name(top, k100.substr(0, 99).c_str()), nullptr);
+      }
+      for (zel_ipc_reg_t *e : linked) {
+        zel_ipc_reg_delete(&top, e);
+        zel_ipc_reg_cleanup(e);
+      }
+      EXPECT_EQ(kro_hashset_count(top.set) + kro_hashmap_count(top.map), 0u);
+      zel_ipc_reg_mgr_cleanup(&top);
+    });
   }
-  for (zel_ipc_reg_t *e : linked) {
-    zel_ipc_reg_delete(&top, e);
-    zel_ipc_reg_cleanup(e);
-  }
-  EXPECT_EQ(kro_hashset_count(top.set) + kro_hashmap_count(top.map), 0u);
-  zel_ipc_reg_mgr_cleanup(&top);
+  threads.clear();  // joins them
+  EXPECT_EQ(host_probe_registrations(ZEL_IPC_REG_MODULE_NAME), 1u);
   EXPECT_EQ(zel_test::fault_live_blocks(), live_before);
 }
 
@@ -198,40 +210,6 @@ TEST(IpcRegFault, EveryAllocationOfACycleFailsCleanly) {
     return zel_test::fault_fired();
   });
   EXPECT_EQ(runs, 6u);  // the set and the map (two blocks each), the registration, its pair
-}
-
-// Racing first set-ups register the trace module exactly once, and every caller goes on only
-// once the registration has finished; then each thread runs a registry of its own through a
-// cycle of many clients, and every lookup finds its own thread's registration.
-TEST(IpcRegThreads, FirstInitsRaceAndRegistriesShareNothing) {
-  StdoutCapture quiet;
-  const long live_before = zel_test::fault_live_blocks();
-  std::atomic<int> bad{0};
-  std::barrier start(8);
-  std::vector<std::jthread> threads;
-  for (int t = 0; t < 8; ++t) {
-    threads.emplace_back([&, t] {
-      start.arrive_and_wait();
-      zel_ipc_reg_top_t top{};
-      bad += zel_ipc_reg_mgr_init(&top) != ZEL_IPC_REG_OK || zel_ipc_reg_mgr_amdt.name == nullptr ||
-             zel_ipc_reg_mgr_amdt.error_flag == nullptr;
-      std::vector<zel_ipc_reg_t *> mine;
-      for (uint32_t id = 1; id <= 200; ++id) {
-        const std::string name = "t" + std::to_string(t) + "-" + std::to_string(id);
-        zel_ipc_reg_add(&top, mine.emplace_back(zel_ipc_reg_new(name.c_str(), id, 0)));
-      }
-      for (zel_ipc_reg_t *e : mine) {
-        bad += zel_ipc_reg_get_by_id(top, e->id) != e || zel_ipc_reg_get_by_name(top, e->name) != e;
-        zel_ipc_reg_delete(&top, e);
-        zel_ipc_reg_cleanup(e);
-      }
-      zel_ipc_reg_mgr_cleanup(&top);
-    });
-  }
-  threads.clear();  // joins them
-  EXPECT_EQ(bad.load(), 0);
-  EXPECT_EQ(host_probe_registrations(ZEL_IPC_REG_MODULE_NAME), 1u);
-  EXPECT_EQ(zel_test::fault_live_blocks(), live_before);
 }
 
 }  // namespace
