@@ -1,6 +1,6 @@
-// zel_lib_pipe_cmd: pieces, result codes, descriptors, signals and concurrent callers. The
-// children are /bin/sh scripts; fdopen is wrapped at link time, and process creation is made to
-// fail on one thread with a seccomp filter.
+// zel_lib_pipe_cmd: pieces and result codes, the caller's environment (signals, descriptors,
+// no process), allocation failures, interrupted calls and concurrent callers. The children are
+// /bin/sh scripts; fdopen is wrapped at link time.
 #include <zel/pipe_cmd.h>
 
 #include "support/fault.h"
@@ -14,7 +14,6 @@
 #include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,19 +56,17 @@ std::set<int> open_fds(bool inheritable_only = false) {
   return fds;
 }
 
-void collect(char *piece, void *arg) {
-  static_cast<Pieces *>(arg)->push_back(piece);
-}
-
-std::vector<std::string> sh(const std::string &script) {
-  return {"sh", "-c", script};
-}
-
-// Runs `path` with `args` as its argv; without `pieces`, with no callback.
-uint32_t run(std::vector<std::string> args, Pieces *pieces, const char *path = "/bin/sh") {
+// Runs `path` with `args` (argv[0] "sh", "-c", `script` by default), collecting the pieces;
+// without `pieces`, with no callback.
+uint32_t run(const std::string &script, Pieces *pieces, std::vector<std::string> args = {},
+             const char *path = "/bin/sh") {
+  if (args.empty()) args = {"sh", "-c", script};
   std::vector<char *> argv;
   for (auto &s : args) argv.push_back(s.data());
   argv.push_back(nullptr);
+  const zel_lib_pipe_cmd_cb collect = [](char *piece, void *arg) {
+    static_cast<Pieces *>(arg)->push_back(piece);
+  };
   return zel_lib_pipe_cmd(path, argv.data(), pieces != nullptr ? collect : nullptr, pieces);
 }
 
@@ -91,98 +88,97 @@ class PipeCmd : public ::testing::Test {
 TEST_F(PipeCmd, PiecesAndResults) {
   const std::string argv_lines = "tr '\\0' '\\n' </proc/$$/cmdline; true";
   struct Row {
-    const char *path;
-    std::vector<std::string> args;
+    std::string script;
     uint32_t rc;
     Pieces pieces;
-    std::string err;
+    std::vector<std::string> args = {};
+    const char *path = "/bin/sh", *err = "";
   };
+  const uint32_t ok = ZEL_PIPE_CMD_OK, child = ZEL_PIPE_CMD_ECHILD;
   // clang-format off
   const Row rows[] = {
-      {"/bin/sh", sh("true"), ZEL_PIPE_CMD_OK, {}, ""},
-      {"/bin/sh", sh("echo 5; echo 5"), ZEL_PIPE_CMD_OK, {"5\n", "5\n"}, ""},
-      {"/bin/sh", sh("echo " + x(98)), ZEL_PIPE_CMD_OK, {x(98) + "\n"}, ""},
-      {"/bin/sh", sh("echo " + x(99)), ZEL_PIPE_CMD_OK, {x(99), "\n"}, ""},
-      {"/bin/sh", sh("echo " + x(100)), ZEL_PIPE_CMD_OK, {x(99), "x\n"}, ""},
-      {"/bin/sh", sh("echo " + x(250)), ZEL_PIPE_CMD_OK, {x(99), x(99), x(52) + "\n"}, ""},
-      {"/bin/sh", sh("printf " + x(150)), ZEL_PIPE_CMD_OK, {x(99), x(51)}, ""},  // no line feed
-      {"/bin/sh", sh("yes " + x(80) + " | head -n 20000"), ZEL_PIPE_CMD_OK,
-       Pieces(20000, x(80) + "\n"), ""},  // many reads
-      {"/bin/sh", sh("echo bye; exit 1"), ZEL_PIPE_CMD_ECHILD, {"bye\n"}, ""},
-      {"/bin/sh", sh("echo bye; kill -9 $$"), ZEL_PIPE_CMD_ECHILD, {"bye\n"}, ""},
-      {"/bin/sh", {"own name", "-c", argv_lines, "two words", ""}, ZEL_PIPE_CMD_OK,
-       {"own name\n", "-c\n", argv_lines + "\n", "two words\n", "\n"}, ""},
-      {"/no/such/program", {"x"}, ZEL_PIPE_CMD_ECHILD, {}, "execve: No such file or directory\n"},
-      {"/dev/null", {"x"}, ZEL_PIPE_CMD_ECHILD, {}, "execve: Permission denied\n"},
+      {"true", ok, {}},
+      {"echo 5; echo 5", ok, {"5\n", "5\n"}},
+      {"echo " + x(98), ok, {x(98) + "\n"}},
+      {"echo " + x(99), ok, {x(99), "\n"}},
+      {"echo " + x(250), ok, {x(99), x(99), x(52) + "\n"}},
+      {"printf " + x(150), ok, {x(99), x(51)}},  // no line feed
+      {"yes " + x(80) + " | head -n 20000", ok, Pieces(20000, x(80) + "\n")},  // many reads
+      {"echo bye; exit 1", child, {"bye\n"}},
+      {"echo bye; kill -9 $$", child, {"bye\n"}},
+      {argv_lines, ok, {"own name\n", "-c\n", argv_lines + "\n", "two words\n", "\n"},
+       {"own name", "-c", argv_lines, "two words", ""}},
+      {"no such program", child, {}, {"x"}, "/no/such/program",
+       "execve: No such file or directory\n"},
+      {"not executable", child, {}, {"x"}, "/dev/null", "execve: Permission denied\n"},
   };
   // clang-format on
   for (const Row &row : rows) {
-    SCOPED_TRACE(row.args.back().substr(0, 40));
+    SCOPED_TRACE(row.script.substr(0, 40));
     Pieces pieces;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(run(row.args, &pieces, row.path), row.rc);
+    EXPECT_EQ(run(row.script, &pieces, row.args, row.path), row.rc);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), row.err);
     EXPECT_EQ(pieces, row.pieces);
   }
-  EXPECT_EQ(run(sh("echo dropped"), nullptr), ZEL_PIPE_CMD_OK);
+  EXPECT_EQ(run("echo dropped", nullptr), ZEL_PIPE_CMD_OK);
 }
 
 // A caller that ignores SIGCHLD has its children reaped by the kernel, so the wait fails
-// (ECHILD) after the output has been read.
-TEST_F(PipeCmd, CallerIgnoringChildSignalsGetsEchild) {
+// (ECHILD) after the output has been read. One without standard input and output has the pipe
+// take descriptors 0 and 1, so the write end already is standard output.
+TEST_F(PipeCmd, CallerIgnoringChildSignalsOrWithoutStandardStreams) {
   struct sigaction ignore = {}, old = {};
   ignore.sa_handler = SIG_IGN;
   ASSERT_EQ(sigaction(SIGCHLD, &ignore, &old), 0);
   Pieces pieces;
-  EXPECT_EQ(run(sh("echo bye"), &pieces), ZEL_PIPE_CMD_ECHILD);
+  EXPECT_EQ(run("echo bye", &pieces), ZEL_PIPE_CMD_ECHILD);
   sigaction(SIGCHLD, &old, nullptr);
-  EXPECT_EQ(pieces, Pieces{"bye\n"});
+  fflush(stdout);
+  const int in = dup(0), out = dup(1);
+  close(0);
+  close(1);
+  const uint32_t rc = run("echo abc", &pieces);
+  dup2(in, 0);
+  dup2(out, 1);
+  close(in);
+  close(out);
+  EXPECT_EQ(rc, ZEL_PIPE_CMD_OK);
+  EXPECT_EQ(pieces, (Pieces{"bye\n", "abc\n"}));
 }
 
-// No child: on a thread where a seccomp filter fails every way of creating a process, and with
-// no descriptor left for the pipe.
-TEST_F(PipeCmd, StartFailures) {
+// No child: on a thread where a seccomp filter fails every way of creating a process.
+TEST_F(PipeCmd, ProcessCreationFails) {
   const auto op = [](int code, uint32_t k, uint8_t jt = 0) {
     return sock_filter{static_cast<uint16_t>(code), jt, 0, k};
   };
-  sock_filter code[] = {
-      op(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      op(BPF_JMP | BPF_JEQ | BPF_K, SYS_vfork, 4),
-      op(BPF_JMP | BPF_JEQ | BPF_K, SYS_fork, 3),
-      op(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 2),
-      op(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 1),
-      op(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      op(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN),
-  };
+  sock_filter code[] = {op(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_vfork, 4),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_fork, 3),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 2),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 1),
+                        op(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+                        op(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN)};
   sock_fprog prog{static_cast<unsigned short>(std::size(code)), code};
   Pieces pieces;
   testing::internal::CaptureStderr();
   std::thread([&] {
     ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
     ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog), 0);
-    EXPECT_EQ(run(sh("echo"), &pieces), ZEL_PIPE_CMD_ESTART);
+    EXPECT_EQ(run("echo", &pieces), ZEL_PIPE_CMD_ESTART);
   }).join();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "fork: Resource temporarily unavailable\n");
-  rlimit saved{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-  rlimit full = saved;
-  for (full.rlim_cur = 0; fcntl(static_cast<int>(full.rlim_cur), F_GETFD) != -1;) ++full.rlim_cur;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);  // every descriptor below the limit is taken
-  EXPECT_EQ(run(sh("echo"), &pieces), ZEL_PIPE_CMD_ESTART);
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
   EXPECT_TRUE(pieces.empty());
 }
 
+// 1: the stream (no piece; the child is still reaped); 2: the large stream buffer, optional.
 TEST_F(PipeCmd, AllocationFailures) {
-  // 1: the stream (the child is still reaped); 2: the large stream buffer, which is optional.
-  std::string name = "sh", c = "-c", script = "echo a; echo b; echo c";
-  char *argv[] = {name.data(), c.data(), script.data(), nullptr};
   const unsigned failures = zel_test::fault_sweep([&](unsigned n) {
     Pieces pieces;
     uint32_t rc;
     {
       zel_test::FaultScope fault(n);
-      rc = zel_lib_pipe_cmd("/bin/sh", argv, collect, &pieces);
+      rc = run("echo a; echo b; echo c", &pieces);
     }
     const bool no_stream = zel_test::fault_fired() && n == 1;
     EXPECT_EQ(rc, no_stream ? ZEL_PIPE_CMD_ESTART : ZEL_PIPE_CMD_OK) << "n=" << n;
@@ -191,22 +187,6 @@ TEST_F(PipeCmd, AllocationFailures) {
     return zel_test::fault_fired();
   });
   EXPECT_EQ(failures, 2u);
-}
-
-TEST_F(PipeCmd, CallerWithoutStandardInputAndOutput) {
-  // The pipe then takes descriptors 0 and 1, so the write end already is standard output.
-  Pieces pieces;
-  fflush(stdout);
-  const int in = dup(0), out = dup(1);
-  close(0);
-  close(1);
-  const uint32_t rc = run(sh("echo abc"), &pieces);
-  dup2(in, 0);
-  dup2(out, 1);
-  close(in);
-  close(out);
-  EXPECT_EQ(rc, ZEL_PIPE_CMD_OK);
-  EXPECT_EQ(pieces, Pieces{"abc\n"});
 }
 
 // Each child lists its descriptors: standard output is the pipe, no other descriptor refers to
@@ -221,7 +201,7 @@ TEST_F(PipeCmd, ThreadsRunAtOnceAndChildrenHoldOnlyTheirOutput) {
       start.arrive_and_wait();
       for (int r = 0; r < 6; ++r) {
         Pieces pieces;
-        ASSERT_EQ(run(sh("find /proc/$$/fd -mindepth 1 -printf '%f %l\\n'; true"), &pieces), 0u);
+        ASSERT_EQ(run("find /proc/$$/fd -mindepth 1 -printf '%f %l\\n'; true", &pieces), 0u);
         ASSERT_EQ(pieces[1].rfind("1 pipe:", 0), 0u) << pieces[1];
         for (const std::string &line : pieces) {
           const int fd = atoi(line.c_str());
@@ -270,9 +250,8 @@ TEST_F(PipeCmd, InterruptedCalls) {
       }
     });
     Pieces pieces;
-    EXPECT_EQ(
-        run(sh(in_read ? "cat >/dev/null; exit 0" : "exec >&-; cat >/dev/null; exit 1"), &pieces),
-        in_read ? ZEL_PIPE_CMD_EREAD : ZEL_PIPE_CMD_OK);
+    EXPECT_EQ(run(in_read ? "cat >/dev/null; exit 0" : "exec >&-; cat >/dev/null; exit 1", &pieces),
+              in_read ? ZEL_PIPE_CMD_EREAD : ZEL_PIPE_CMD_OK);
     signaller.join();
     EXPECT_TRUE(pieces.empty());
     int status = 0;
