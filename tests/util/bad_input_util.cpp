@@ -4,7 +4,7 @@
 #include <zel/id_mgr.h>
 #include <zel/pipe_cmd.h>
 
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <host/fu_probe.h>
 #include <zel/fu.h>
 
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <zel/config.h>
 #include <zel/trace.h>
 
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 
 namespace {
 

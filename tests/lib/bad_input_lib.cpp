@@ -4,7 +4,7 @@
 #include <zel/array.h>
 #include <zel/name_service.h>
 
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 #include "lib/ns_support.h"
 
 namespace {

@@ -3,8 +3,8 @@
 // the limit; a second server; the maximal message length.
 #include <zel/itc.h>
 
-#include "bad_input/bad_input.h"
-#include "itc/itc_test_util.h"
+#include "support/bad_input.h"
+#include "lib/itc_test_util.h"
 #include "support/fault.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "dm_test_util.h"
+#include "platform/dm_test_util.h"
 #include "support/fault.h"
 
 using dm_test::Dm;

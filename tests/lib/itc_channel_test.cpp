@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <random>
 
-#include "itc_test_util.h"
+#include "lib/itc_test_util.h"
 #include "lib/itc_internal.h"
 #include "support/capture.h"
 #include "support/fault.h"

@@ -6,7 +6,7 @@
 #include <memory>
 #include <thread>
 
-#include "itc_test_util.h"
+#include "lib/itc_test_util.h"
 #include "support/fault.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <zel/convert.h>
 #include <zel/data.h>
 
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 
 namespace {
 

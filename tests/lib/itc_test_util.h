@@ -1,7 +1,7 @@
 // Helpers of the channel tests: dispatch managers driven by the test thread, callbacks that
 // record or script what a channel is told, and messages made from strings.
-#ifndef ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
-#define ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
+#ifndef ZEL_TESTS_LIB_ITC_TEST_UTIL_H_
+#define ZEL_TESTS_LIB_ITC_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 #include <kro/dm.h>
@@ -117,4 +117,4 @@ inline int send_text(uint32_t handle, uint32_t destination, const std::string &t
 
 }  // namespace itc_test
 
-#endif  // ZEL_TESTS_ITC_ITC_TEST_UTIL_H_
+#endif  // ZEL_TESTS_LIB_ITC_TEST_UTIL_H_

@@ -1,6 +1,6 @@
 // Helpers of the dispatch manager tests.
-#ifndef ZEL_TESTS_PLATFORM_DM_DM_TEST_UTIL_H_
-#define ZEL_TESTS_PLATFORM_DM_DM_TEST_UTIL_H_
+#ifndef ZEL_TESTS_PLATFORM_DM_TEST_UTIL_H_
+#define ZEL_TESTS_PLATFORM_DM_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 #include <kro/dm.h>
@@ -68,4 +68,4 @@ inline kro_dm_watched_queue_t *make_queue(uint32_t max_len = KRO_DM_WATCHED_QUEU
 
 }  // namespace dm_test
 
-#endif  // ZEL_TESTS_PLATFORM_DM_DM_TEST_UTIL_H_
+#endif  // ZEL_TESTS_PLATFORM_DM_TEST_UTIL_H_

@@ -1,5 +1,5 @@
 // The bad-input table runner.
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 
 #include <host/probe.h>
 #include <kro/dt.h>

@@ -5,7 +5,7 @@
 #include <tuple>
 #include <vector>
 
-#include "dm_test_util.h"
+#include "platform/dm_test_util.h"
 #include "support/fault.h"
 
 using dm_test::Dm;

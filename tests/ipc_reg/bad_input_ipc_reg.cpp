@@ -4,7 +4,7 @@
 #include <kro/probe.h>
 #include <zel/ipc_reg.h>
 
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 
 namespace {
 

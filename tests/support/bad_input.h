@@ -1,13 +1,14 @@
 // Bad-input tables: every exported function called with NULL pointers, zero and maximal sizes,
-// unknown handles and overlong texts, one table per family in bad_input_<family>.cpp.
+// unknown handles and overlong texts, one table per family in
+// tests/<family>/bad_input_<family>.cpp.
 //
 // A row is one call and its stated result, made by ZEL_BAD_ROW; its text is the row's label. Each
 // call's result (an integer, a pointer's address, 0 for none) must be the stated one, and the call
 // must leave the live-block count where it found it; a table may add a check of what a refusal
 // leaves alone. Calls that meet several bad subjects (handles, managers, indexes) are a list of
 // operations run on a list of subjects.
-#ifndef ZEL_TESTS_BAD_INPUT_BAD_INPUT_H_
-#define ZEL_TESTS_BAD_INPUT_BAD_INPUT_H_
+#ifndef ZEL_TESTS_SUPPORT_BAD_INPUT_H_
+#define ZEL_TESTS_SUPPORT_BAD_INPUT_H_
 
 #include <gtest/gtest.h>
 #include <host/module_dt.h>
@@ -93,4 +94,4 @@ void run_ops(std::initializer_list<std::pair<const char *, S>> subjects, std::sp
 
 }  // namespace zel_bad_input
 
-#endif  // ZEL_TESTS_BAD_INPUT_BAD_INPUT_H_
+#endif  // ZEL_TESTS_SUPPORT_BAD_INPUT_H_

@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "itc_test_util.h"
+#include "lib/itc_test_util.h"
 #include "support/fault.h"
 
 // ---- Link-time wraps ------------------------------------------------------------------------

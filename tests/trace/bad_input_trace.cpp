@@ -4,7 +4,7 @@
 #include <kro/dt.h>
 #include <zel/trace.h>
 
-#include "bad_input/bad_input.h"
+#include "support/bad_input.h"
 
 namespace {
 
