@@ -14,6 +14,24 @@
 #include "lib/ns_support.h"
 #include "support/fault.h"
 
+// The records' layouts are fixed on both word sizes: w(32-bit, 64-bit).
+constexpr size_t w(size_t on32, size_t on64) {
+  return sizeof(void *) == 4 ? on32 : on64;
+}
+static_assert(sizeof(lib_array_t) == w(20, 32) && offsetof(lib_array_t, capacity) == w(4, 8) &&
+              offsetof(lib_array_t, flags) == w(10, 14) &&
+              offsetof(lib_array_t, empty) == w(12, 16) &&
+              offsetof(lib_array_t, count) == w(16, 24));
+static_assert(sizeof(kro_ext_hash_id_name_t) == w(12, 24) &&
+              offsetof(kro_ext_hash_id_name_t, next_id) == w(8, 16));
+static_assert(sizeof(kro_ext_hash_id_name_elem_t) == w(24, 48) &&
+              offsetof(kro_ext_hash_id_name_elem_t, name) == w(8, 16) &&
+              offsetof(kro_ext_hash_id_name_elem_t, id_link) == w(12, 24) &&
+              offsetof(kro_ext_hash_id_name_elem_t, id) == w(20, 40));
+static_assert(sizeof(lib_name_service_entry_t) == w(32, 64) &&
+              offsetof(lib_name_service_entry_t, flags) == w(24, 48) &&
+              offsetof(lib_name_service_entry_t, slots) == w(28, 56));
+
 namespace {
 std::atomic<int> g_mutex_inits{0};
 bool stand_in() {
