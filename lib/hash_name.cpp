@@ -74,7 +74,7 @@ int kro_ext_hash_id_name_init(kro_ext_hash_id_name_t *table) {
 
 int kro_ext_hash_id_name_insert(kro_ext_hash_id_name_t *table, kro_ext_hash_id_name_elem_t *elem) {
   if (table == nullptr || elem == nullptr || elem->name == nullptr) {
-    return 1;
+    return KRO_EXT_HASH_ID_NAME_REFUSED;
   }
   if (kro_ext_hash_name_get(&table->names, elem->name) != nullptr) {
     return 0;
@@ -82,7 +82,7 @@ int kro_ext_hash_id_name_insert(kro_ext_hash_id_name_t *table, kro_ext_hash_id_n
   // next_id wraps to 0 only after 2^32 - 1 insertions; ids are never reused, so the table is
   // full then.
   if (table->next_id == 0) {
-    return 1;
+    return KRO_EXT_HASH_ID_NAME_REFUSED;
   }
   kro_ext_hash_id_name_link(table, elem, table->next_id++);
   return 0;

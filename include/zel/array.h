@@ -18,18 +18,18 @@
  * filled and later removed.
  *
  * Limits: `capacity`, `used` and `count` never exceed 65535 (LIB_ARRAY_MAX). An append that
- * would grow the storage past 65535 slots fails with -1; so does an append or insert that would
- * raise `count` past 65535 (possible only when `empty` values are inserted into counted
+ * would grow the storage past 65535 slots fails with LIB_ARRAY_FAIL; so does an append or insert
+ * that would raise `count` past 65535 (possible only when `empty` values are inserted into counted
  * holes). The array keeps its values in both cases.
  *
  * Reading and releasing: the record is public. Readers index `data` directly below `used`
  * (string readers cast the slot to `char *`) and read `count`. There is no destroy operation:
  * the owner frees `data` and then the record with free().
  *
- * Failure: create returns NULL and leaves nothing allocated; append and insert return -1 and
- * leave the array exactly as it was (a failed growth keeps the old storage and its values);
- * remove returns the `empty` value and changes nothing. NULL array arguments are refused the
- * same way (remove then returns NULL, there being no array to take `empty` from).
+ * Failure: create returns NULL and leaves nothing allocated; append and insert return
+ * LIB_ARRAY_FAIL and leave the array exactly as it was (a failed growth keeps the old storage and
+ * its values); remove returns the `empty` value and changes nothing. NULL array arguments are
+ * refused the same way (remove then returns NULL, there being no array to take `empty` from).
  *
  * Threads: no operation locks. An array may be used from any thread, but by one at a time:
  * its owner serialises every call and every direct read of the record.
@@ -77,17 +77,17 @@ ZEL_API lib_array_t *lib_array_pointers_create(uint16_t capacity, uint16_t incre
 
 /* Stores `value` in slot `used`, first growing a full array by `increment` slots (sparse:
  * the new slots are zero-filled).
- * Returns the slot's index; -1 when the array is NULL, full and fixed-size, would grow past
- * LIB_ARRAY_MAX slots or past LIB_ARRAY_MAX counted slots, or its storage can't be grown. On
- * -1 the array is unchanged. The caller serialises. */
+ * Returns the slot's index; LIB_ARRAY_FAIL, with the array unchanged, when the array is NULL,
+ * full and fixed-size, would grow past LIB_ARRAY_MAX slots or past LIB_ARRAY_MAX counted slots,
+ * or its storage can't be grown. The caller serialises. */
 ZEL_API int32_t lib_array_pointers_append(lib_array_t *array, void *value);
 
 /* Sparse arrays only. Stores `value` in the first slot at or after `index` (below `used`)
  * that holds `empty`, raising `count`; with no such hole, or with `index` equal to `used`,
  * appends. Holes below `index` are not considered.
- * Returns the slot's index; -1 for a NULL or non-sparse array, an index below 0 or above
- * `used`, a count already at LIB_ARRAY_MAX, or a failed append. On -1 the array is
- * unchanged. The caller serialises. */
+ * Returns the slot's index; LIB_ARRAY_FAIL, with the array unchanged, for a NULL or non-sparse
+ * array, an index below 0 or above `used`, a count already at LIB_ARRAY_MAX, or a failed
+ * append. The caller serialises. */
 ZEL_API int32_t lib_array_pointers_insert(lib_array_t *array, void *value, int32_t index);
 
 /* Sparse arrays only. Writes `empty` into slot `index` and lowers `count` when the slot held

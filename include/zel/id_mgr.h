@@ -18,8 +18,8 @@
  * Lifecycle: zel_id_mgr_init (or zel_id_mgr_xinit) once, then any number of get, lookup,
  * delete and iterate calls, then zel_id_mgr_cleanup once. A manager whose `set` is NULL (a
  * zero-filled record, also after a failed init, or a manager after cleanup) counts as not
- * initialised: every operation refuses it (-1, NULL or nothing) and changes nothing. Calling init
- * again on a live manager without cleanup loses its set; don't.
+ * initialised: every operation refuses it (ZEL_ID_MGR_ERROR, NULL or nothing) and changes nothing.
+ * Calling init again on a live manager without cleanup loses its set; don't.
  *
  * Equal ids: without ZEL_ID_MGR_F_CHECK_IN_USE, a get after a wrap can hand out an id that is
  * still bound. The manager then holds two bindings for that id. The newest shadows the older
@@ -71,8 +71,8 @@ typedef struct zel_id_mgr_entry {
 typedef int (*zel_id_mgr_iterate_cb)(zel_id_mgr_t *mgr, uint32_t id, void *ctx, void *arg);
 
 /* Creates the binding set and sets next_id to 1 and flags to 0.
- * Returns 0; -1 for a NULL mgr or when the set cannot be allocated, and then leaves next_id,
- * flags and set as they were. */
+ * Returns ZEL_ID_MGR_OK; ZEL_ID_MGR_ERROR for a NULL mgr or when the set cannot be allocated,
+ * and then leaves next_id, flags and set as they were. */
 ZEL_API int32_t zel_id_mgr_init(zel_id_mgr_t *mgr);
 
 /* zel_id_mgr_init, then, when it succeeded, ORs `flags` into mgr->flags (ZEL_ID_MGR_F_WRAPPED
@@ -87,8 +87,9 @@ ZEL_API int32_t zel_id_mgr_xinit(zel_id_mgr_t *mgr, uint16_t flags);
 ZEL_API void zel_id_mgr_cleanup(zel_id_mgr_t *mgr);
 
 /* Hands out the next id and binds it to `ctx`.
- * Returns 0 with *id set. Returns -1 without touching the manager or *id for a NULL mgr, ctx
- * or id, or a manager that is not initialised. Returns -1 with *id set to 0 when the in-use
+ * Returns ZEL_ID_MGR_OK with *id set. ZEL_ID_MGR_ERROR without touching the manager or *id for
+ * a NULL mgr, ctx or id, or a manager that is not initialised; ZEL_ID_MGR_ERROR with *id set to
+ * 0 when the in-use
  * probe runs the counter past 0xFFFFFFFF (next_id is then 1, so the next call probes again from
  * 1), or when the binding cannot be allocated or linked (the candidate id is used up all the
  * same). Every call past the argument checks consumes at least one candidate. */
@@ -99,8 +100,8 @@ ZEL_API int32_t zel_id_mgr_get_id(zel_id_mgr_t *mgr, void *ctx, uint32_t *id);
 ZEL_API void *zel_id_mgr_id_to_ctx(zel_id_mgr_t *mgr, uint32_t id);
 
 /* Unbinds `id` (its newest binding) and frees the binding; the context is not touched.
- * Returns 0; -1 with nothing changed when `id` is not bound, for id 0, a NULL mgr or a manager
- * not initialised. */
+ * Returns ZEL_ID_MGR_OK; ZEL_ID_MGR_ERROR with nothing changed when `id` is not bound, for id
+ * 0, a NULL mgr or a manager not initialised. */
 ZEL_API int32_t zel_id_mgr_delete_id(zel_id_mgr_t *mgr, uint32_t id);
 
 /* Calls `cb(mgr, id, ctx, arg)` once for each binding, in the hash set's own order, on the

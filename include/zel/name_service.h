@@ -77,6 +77,9 @@ typedef struct kro_ext_hash_id_name_elem {
 /* Bit 0 of an entry's `flags`: the owner slot is bound. */
 #define LIB_NAME_SERVICE_OWNED 1u
 
+/* kro_ext_hash_id_name_insert's refusal. */
+#define KRO_EXT_HASH_ID_NAME_REFUSED 1
+
 /* Slots of one name: the owner slot 0 and the shared slots 1 to 255. */
 #define LIB_NAME_SERVICE_MAX_SLOTS 256u
 /* Largest id a handle can carry; a service never hands out more. */
@@ -128,9 +131,9 @@ ZEL_API int kro_ext_hash_id_name_init(kro_ext_hash_id_name_t *table);
  * gets `id` = `next_id`, `next_id` is raised, and the element is linked into `names` and then
  * `ids`. When an element of that name is already linked, nothing is inserted and `id` is left
  * alone, and the result is still 0.
- * Returns 0; 1 for a NULL table, element or element name, or when the table's 32-bit ids are
- * used up (nothing changed then). The caller serialises; the element stays the caller's and
- * must stay in place while linked. */
+ * Returns 0; KRO_EXT_HASH_ID_NAME_REFUSED for a NULL table, element or element name, or when
+ * the table's 32-bit ids are used up (nothing changed then). The caller serialises; the element
+ * stays the caller's and must stay in place while linked. */
 ZEL_API int kro_ext_hash_id_name_insert(kro_ext_hash_id_name_t *table,
                                         kro_ext_hash_id_name_elem_t *elem);
 
