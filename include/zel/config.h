@@ -96,8 +96,9 @@ struct zel_util_config {
  * 0 to 10 characters each) and no provider part.
  * Returns the object, owned by the caller (release it with zel_util_config_destroy), or NULL:
  *   - location or provider NULL: no trace;
- *   - either longer than 10 characters: "location/provider string exceeded max limit\n", code 3;
- *   - allocation failure: "memory allocation failure\n", code 5.
+ *   - either longer than 10 characters: code ZEL_CFG_ETOOLONG,
+ *     "location/provider string exceeded max limit\n";
+ *   - allocation failure: "memory allocation failure\n", code ZEL_CFG_ENOMEM.
  * Nothing is allocated on failure. */
 ZEL_API zel_util_config_t *zel_util_config_create(const char *location, const char *provider);
 
@@ -111,7 +112,7 @@ ZEL_API void zel_util_config_destroy(zel_util_config_t *config);
  * Returns the string, which becomes the object's config_str, or NULL:
  *   - config NULL, or no provider part attached: no trace, nothing changes;
  *   - allocation failure (or a count a provider drove past INT32_MAX - 1 or below 0):
- *     "memory allocation failed\n", code 5; config_str is then NULL.
+ *     "memory allocation failed\n", code ZEL_CFG_ENOMEM; config_str is then NULL.
  * Lifetime of the strings: each build replaces config_str, and the string it replaces stays
  * valid (and owned by the object) until the next build or the object's destruction, so a
  * reader of the previous string is not cut off by one rebuild; anything older is freed at that

@@ -94,25 +94,26 @@ ZEL_API void zel_ipc_reg_mgr_cleanup(zel_ipc_reg_top_t *top);
 
 /* Allocates a registration with `id`, `data` and a copy of `name`. Returns it (owned by the
  * caller, released by zel_ipc_reg_cleanup), or NULL when `name` is NULL, empty or longer than
- * ZEL_IPC_REG_NAME_MAX characters or `id` is 0 (error trace, code 26), or when the allocation
- * fails (error trace, code 5). Looks at no registry: ids and names need not be free. Any
- * thread. */
+ * ZEL_IPC_REG_NAME_MAX characters or `id` is 0 (error trace, code ZEL_IPC_REG_EINVAL), or when the
+ * allocation fails (error trace, code ZEL_IPC_REG_ENOMEM). Looks at no registry: ids and names need
+ * not be free. Any thread. */
 ZEL_API zel_ipc_reg_t *zel_ipc_reg_new(const char *name, uint32_t id, uint32_t data);
 
 /* Links `entry` into the id set and the name map of `*top` (the map allocates one pair for it,
  * which delete frees; the set allocates nothing but its buckets as it grows). NULL `top` or
- * `entry`: error trace (code 26), nothing changed. The tables' results are not reported (see "Equal
- * keys" above for what a repeated add does). `entry` stays the caller's. */
+ * `entry`: error trace (code ZEL_IPC_REG_EINVAL), nothing changed. The tables' results are not
+ * reported (see "Equal keys" above for what a repeated add does). `entry` stays the caller's. */
 ZEL_API void zel_ipc_reg_add(zel_ipc_reg_top_t *top, zel_ipc_reg_t *entry);
 
 /* Unlinks `entry` from the id set and removes the name pair keyed by it. NULL `top` or
- * `entry`: error trace (code 26), nothing changed. `entry` is left untouched and stays the
- * caller's; it must be linked (see "Equal keys" above). */
+ * `entry`: error trace (code ZEL_IPC_REG_EINVAL), nothing changed. `entry` is left untouched and
+ * stays the caller's; it must be linked (see "Equal keys" above). */
 ZEL_API void zel_ipc_reg_delete(zel_ipc_reg_top_t *top, zel_ipc_reg_t *entry);
 
 /* The linked registration whose name equals the first ZEL_IPC_REG_NAME_MAX characters of
- * `name`, or NULL (also for an empty name). A NULL `name` is an error trace (code 26) and
- * NULL. Allocates nothing; the key lives on the stack. Takes a copy of the top record. */
+ * `name`, or NULL (also for an empty name). A NULL `name` is an error trace (code
+ * ZEL_IPC_REG_EINVAL) and NULL. Allocates nothing; the key lives on the stack. Takes a copy of the
+ * top record. */
 ZEL_API zel_ipc_reg_t *zel_ipc_reg_get_by_name(zel_ipc_reg_top_t top, const char *name);
 
 /* The linked registration with `id`, or NULL (always for id 0). Checks nothing and traces
