@@ -1,6 +1,4 @@
-// Bad input to the channels: NULL addresses, names, managers and callbacks; no name service;
-// handles that name no channel; messages that are not data messages; queue lengths of 0 and past
-// the limit; a second server; the maximal message length.
+// Bad input to the channels, handles that name no channel, and an alloc's failure.
 #include <zel/itc.h>
 
 #include "support/bad_input.h"
@@ -55,6 +53,7 @@ const zel_bad_input::Row kRows[] = {
     ZEL_BAD_ROW(open(&g_h, "n", 0, KRO_DM_WATCHED_QUEUE_LEN_MAX + 1), KRO_DM_EINVAL),
     ZEL_BAD_ROW(open(&g_h, "n", 1), LIB_ITC_EBUSY),
     ZEL_BAD_ROW(lib_itc_alloc(g_s, 1, nullptr), kInval),
+    ZEL_BAD_ROW((zel_test::fault_arm(1), disarmed(lib_itc_alloc(g_s, 100, &g_p))), LIB_ITC_ENOMEM),
     ZEL_BAD_ROW((zel_test::fault_arm(1), disarmed(lib_itc_alloc(g_s, UINT32_MAX, &g_p))),
                 LIB_ITC_ENOMEM),  // on 32 bits the length overflows the address space
     ZEL_BAD_ROW(lib_itc_free(g_s, nullptr), kInval),

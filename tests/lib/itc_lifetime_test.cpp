@@ -1,11 +1,5 @@
-// Channels over a process's whole life: handlers and closing threads that race the clean-up of
-// records and managers, names that go with their last channel, ids that never run out,
-// connection events that are never dropped, handles that were never handed out, and messages
-// that can always be given back.
-//
-// Two races are made deterministic by link-time wraps (see CMakeLists.txt): the channel mutex's
-// unlock can run a hook on the unlocking thread, and the dispatch manager's wake-up of a
-// sleeping owner can be held until the owner has destroyed its manager.
+// Channels over a process's whole life. Two races are made deterministic by link-time wraps: a
+// hook run right after a mutex unlock, and a manager's wake-up of its owner held back.
 #include <pthread.h>
 
 #include <atomic>
@@ -16,12 +10,8 @@
 #include "lib/itc_test_util.h"
 #include "support/fault.h"
 
-// ---- Link-time wraps ------------------------------------------------------------------------
-
 namespace {
-// Run once, on this thread, right after its next mutex unlock.
-thread_local std::function<void()> *g_after_unlock = nullptr;
-// The manager whose owner-wake is to be held, and whether its owner has destroyed it.
+thread_local std::function<void()> *g_after_unlock = nullptr;  // run once, then cleared
 std::atomic<kro_dm_t *> g_hold_wake_of{nullptr};
 std::atomic<bool> g_owner_destroyed{false};
 }  // namespace
@@ -40,9 +30,7 @@ extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t *m) {
 extern "C" void __real__Z19kro_dm_wake_sleeperP6kro_dm(kro_dm_t *dm);
 extern "C" void __wrap__Z19kro_dm_wake_sleeperP6kro_dm(kro_dm_t *dm) {
   if (dm == g_hold_wake_of.load()) {
-    g_hold_wake_of = nullptr;
-    // Give the owner every chance to destroy the manager before the wake-up goes on; where the
-    // owner can't get that far (the arming still holds what it needs), this just times out.
+    g_hold_wake_of = nullptr;  // where the owner cannot destroy it meanwhile, this times out
     const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
     while (!g_owner_destroyed.load() && std::chrono::steady_clock::now() < until) {
       std::this_thread::yield();
@@ -56,7 +44,6 @@ namespace {
 using namespace itc_test;  // NOLINT(google-build-using-namespace): the suite's own helpers
 using zel_test::fault_live_blocks;
 
-// Opens a server and a client of `name` on `dm`, neither taking anything.
 void open_pair(uint32_t *server, uint32_t *client, const char *name, kro_dm_t *dm) {
   ASSERT_EQ(open(server, name, LIB_ITC_SERVER, dm), 0u);
   ASSERT_EQ(open(client, name, LIB_ITC_CLIENT, dm), 0u);
@@ -68,11 +55,10 @@ void close_all(std::initializer_list<uint32_t *> handles) {
   }
 }
 
-// The handler of a closed client whose handle a newer client has taken meanwhile, and which
-// that newer client's own thread closes and frees right after the handler's lookup: the handler
-// must decide from the lookup alone and never read the newer record.
+// A closed client's handler, whose handle a newer client took and whose thread frees it right
+// after the handler's lookup, must never read the newer record.
 TEST(ItcLifetime, HandlerOfAClosedChannelNeverReadsTheRecordThatTookItsHandle) {
-  Dm a, b, d;  // a: server side; b: the old client and the channel whose callback acts; d: new
+  Dm a, b, d;  // b: the old client and x, whose callback acts; d: the newer client
   Events old_client, new_client;
   uint32_t server = 0, c1 = 0, c2 = 0, x = 0, y = 0;
   ASSERT_EQ(open(&server, "uaf", LIB_ITC_SERVER, a.dm), 0u);
@@ -94,22 +80,18 @@ TEST(ItcLifetime, HandlerOfAClosedChannelNeverReadsTheRecordThatTookItsHandle) {
   ASSERT_EQ(open(&y, "x", LIB_ITC_CLIENT, a.dm), 0u);
   pump(a.dm);
   pump(b.dm);
-  // x's queue becomes ready before c1's, so x's callback runs first in b's next step.
   ASSERT_EQ(send_text(y, 0, "go"), 0);
-  ASSERT_EQ(send_text(server, c1, "to the old client"), 0);
+  ASSERT_EQ(send_text(server, c1, "to the old client"), 0);  // queued after x's
   pump(b.dm);
-  EXPECT_EQ(g_after_unlock, nullptr);  // the hook ran
+  EXPECT_EQ(g_after_unlock, nullptr);
   EXPECT_EQ(c2, 0u);
-  // The old client's message went with its queue (it heard of its server only), and nothing
-  // reached the newer client, whose clean-up ran before any delivery.
   EXPECT_TRUE(new_client.empty());
   EXPECT_EQ(old_client, Events{connected});
   close_all({&x, &y, &server});
 }
 
-// A close on a foreign thread arms the clean-up on the owner's manager; the owner runs it and
-// destroys its manager at once. The closing thread must not touch the manager after the point
-// where that became possible.
+// A close on a foreign thread must not touch the owner's manager once the owner may have run
+// the clean-up and destroyed it.
 TEST(ItcLifetime, OwnerMayDestroyItsManagerRightAfterACloseFromAnotherThread) {
   for (int round = 0; round < 3; ++round) {
     kro_dm_t *dm = nullptr;
@@ -122,7 +104,6 @@ TEST(ItcLifetime, OwnerMayDestroyItsManagerRightAfterACloseFromAnotherThread) {
       while (!go.load()) {
         std::this_thread::yield();
       }
-      // Never asleep: the clean-up is found by polling, without the closing thread's wake-up.
       while (kro_dm_destroy(&dm) == KRO_DM_EBUSY) {
         ASSERT_EQ(kro_dm_dispatch(dm), KRO_DM_OK);
       }
@@ -137,15 +118,12 @@ TEST(ItcLifetime, OwnerMayDestroyItsManagerRightAfterACloseFromAnotherThread) {
   }
 }
 
-// A name goes with its last channel whatever the roles, and a caller may free its string as
-// soon as the close of its own channel has returned: the entry then names itself with the
-// string of a channel that stays.
+// A name goes with its last channel, and its string may be freed once its channel's close has
+// returned: the entry takes the string of a channel that stays.
 TEST(ItcLifetime, NameStringsNeedLiveOnlyUntilTheirChannelIsClosed) {
   Dm dm;
   warm(dm.dm);
   const long base = fault_live_blocks();
-  // Per-request client names: nothing stays once each is closed, and the freed string is never
-  // read again by the next open of the same text.
   for (int i = 0; i < 3; ++i) {
     char *name = strdup("request-7");
     uint32_t h = 0;
@@ -155,10 +133,8 @@ TEST(ItcLifetime, NameStringsNeedLiveOnlyUntilTheirChannelIsClosed) {
     pump(dm.dm);
     EXPECT_EQ(fault_live_blocks(), base) << "round " << i;
   }
-  // Three clients of one name with strings of their own; the string of the one that made the
-  // entry goes first, then the next one's, while a third client and a server come. Each string
-  // is scribbled over before it is freed, so that a name still pointing at it is missed by the
-  // next open of the same text even where freed memory is not checked.
+  // Each string is scribbled over before it is freed, so that a name still pointing at it
+  // is missed even where freed memory is not checked.
   char *s1 = strdup("shared"), *s2 = strdup("shared"), *s3 = strdup("shared");
   auto scrap = [](char *s) {
     memset(s, '#', strlen(s));
@@ -182,29 +158,8 @@ TEST(ItcLifetime, NameStringsNeedLiveOnlyUntilTheirChannelIsClosed) {
   EXPECT_EQ(fault_live_blocks(), base);
 }
 
-// Restarting one server more often than a handle can number ids: every open succeeds, and the
-// ids come round again, oldest freed first, never one just released.
-TEST(ItcLifetime, IdsAreRecycledSoThatOpensNeverRunOut) {
-  Dm dm;
-  uint32_t keep = 0, last = 0, wraps = 0;
-  ASSERT_EQ(open(&keep, "keep", LIB_ITC_SERVER, dm.dm), 0u);
-  for (uint32_t i = 0; i < 70000; ++i) {
-    uint32_t h = 0;
-    ASSERT_EQ(open(&h, "restarted", LIB_ITC_SERVER, dm.dm), 0u) << "round " << i;
-    ASSERT_NE(id_of(h), id_of(last)) << "round " << i;
-    ASSERT_NE(id_of(h), id_of(keep));
-    wraps += id_of(h) < id_of(last) ? 1 : 0;
-    last = h;
-    ASSERT_EQ(lib_itc_close(&h), 0);
-    pump(dm.dm);
-  }
-  EXPECT_GE(wraps, 1u);
-  EXPECT_EQ(lib_itc_close(&keep), 0);
-}
-
-// 255 clients waiting for a server with default attributes (a queue of 50): the server hears of
-// every one and every client is told; a client whose queue is full of data still hears its
-// server leave.
+// 255 clients waiting for a server with a queue of 50: all are told, and a client whose queue
+// is full of data still hears its server leave.
 TEST(ItcLifetime, ConnectionEventsAreNeverDroppedForWantOfQueueRoom) {
   Dm clients_dm, server_dm;
   std::vector<uint32_t> clients(255);
@@ -221,7 +176,7 @@ TEST(ItcLifetime, ConnectionEventsAreNeverDroppedForWantOfQueueRoom) {
   for (uint32_t i = 0; i < LIB_ITC_DEFAULT_QUEUE_LEN; ++i) {
     ASSERT_EQ(send_text(server, clients[0], "x"), 0);
   }
-  EXPECT_EQ(send_text(server, clients[0], "x"), KRO_DM_EAGAIN);  // data still bounded
+  EXPECT_EQ(send_text(server, clients[0], "x"), KRO_DM_EAGAIN);
   ASSERT_EQ(lib_itc_close(&server), 0);
   pump(clients_dm.dm);
   ASSERT_EQ(crec.size(), 255u + 255u + LIB_ITC_DEFAULT_QUEUE_LEN);
@@ -229,21 +184,6 @@ TEST(ItcLifetime, ConnectionEventsAreNeverDroppedForWantOfQueueRoom) {
   for (uint32_t &c : clients) {
     EXPECT_EQ(lib_itc_close(&c), 0);
   }
-}
-
-// Bits 8 to 15 of a handle are never set in a handle handed out; such a handle names nothing,
-// even where its low 8 bits name a live channel (the other operations' refusals are rows of the
-// bad-input table).
-TEST(ItcLifetime, HandlesWithSlotBits8To15NameNothing) {
-  Dm dm;
-  uint32_t server = 0, client = 0;
-  open_pair(&server, &client, "bits", dm.dm);
-  uint32_t forged = server | 0x100u;
-  EXPECT_EQ(lib_itc_close(&forged), LIB_ITC_EINVAL);
-  EXPECT_EQ(send_text(server, client | 0x100u, "m"), LIB_ITC_EINVAL);
-  EXPECT_EQ(send_text(client, 0, "m"), 0);  // the server is still open
-  pump(dm.dm);
-  close_all({&client, &server});
 }
 
 // A message taken by a receive stays the taker's to free, whatever has been closed since: by the
@@ -267,7 +207,6 @@ TEST(ItcLifetime, HeldMessagesCanBeFreedAfterTheirNameIsReleased) {
   ASSERT_EQ(send_text(client, 0, "kept"), 0);
   pump(dm.dm);
   EXPECT_EQ(free_rc, 0);
-  // Held on this thread while another thread closes the last channel of the name.
   open_pair(&server, &client, "held2", dm.dm);
   pump(dm.dm);
   ASSERT_EQ(send_text(server, client, "kept"), 0);
@@ -276,12 +215,15 @@ TEST(ItcLifetime, HeldMessagesCanBeFreedAfterTheirNameIsReleased) {
   EXPECT_EQ(lib_itc_free(from, held), 0);
 }
 
-// A send that starts after its destination's close has returned is refused as for an unknown
-// handle, also from a thread that has just sent there (and so holds that destination).
-TEST(ItcLifetime, SendAfterTheDestinationClosedIsRefused) {
+// A handle with any of bits 8 to 15 set names nothing, though its low 8 bits name a channel. A
+// send after its destination's close returned is refused, also from a thread that has just sent
+// there (and so holds that destination).
+TEST(ItcLifetime, ForgedHandlesAndClosedDestinationsAreRefused) {
   Dm dm;
-  uint32_t server = 0, client = 0;
+  uint32_t server = 0, client = 0, forged = 0;
   open_pair(&server, &client, "gone", dm.dm);
+  EXPECT_EQ(lib_itc_close(&(forged = server | 0x100u)), LIB_ITC_EINVAL);
+  EXPECT_EQ(send_text(server, client | 0x100u, "m"), LIB_ITC_EINVAL);
   ASSERT_EQ(send_text(client, 0, "first"), 0);
   std::thread([&server] { EXPECT_EQ(lib_itc_close(&server), 0); }).join();
   EXPECT_EQ(send_text(client, 0, "late"), LIB_ITC_EINVAL);
@@ -289,8 +231,8 @@ TEST(ItcLifetime, SendAfterTheDestinationClosedIsRefused) {
   EXPECT_EQ(lib_itc_close(&client), 0);
 }
 
-// A channel still opening is nobody's peer: a server that opens while a client of its name is
-// between its binding and its queue hears of that client once, from the client's own open.
+// A server opening while a client of its name is between its binding and its queue hears of
+// that client once, from the client's own open.
 TEST(ItcLifetime, ChannelIsNobodysPeerUntilItsOpenHasSetItUp) {
   Dm dm;
   Events srec;
@@ -298,8 +240,8 @@ TEST(ItcLifetime, ChannelIsNobodysPeerUntilItsOpenHasSetItUp) {
   std::function<void()> open_server = [&] {
     ASSERT_EQ(open(&server, "opening", LIB_ITC_SERVER, dm.dm, record, &srec), 0u);
   };
-  warm(dm.dm);                    // the name service first: its creation unlocks a mutex of its own
-  g_after_unlock = &open_server;  // right after the client's binding
+  warm(dm.dm);  // the name service's creation unlocks a mutex of its own
+  g_after_unlock = &open_server;
   ASSERT_EQ(open(&client, "opening", LIB_ITC_CLIENT, dm.dm), 0u);
   ASSERT_EQ(g_after_unlock, nullptr);
   ASSERT_NE(server, 0u);
@@ -308,28 +250,32 @@ TEST(ItcLifetime, ChannelIsNobodysPeerUntilItsOpenHasSetItUp) {
   close_all({&client, &server});
 }
 
-// A server restarted, and a client on a name of its own per request (the string freed right
-// after the close), ZEL_LIFETIME_ROUNDS times each (a million; fewer under valgrind): no open is
-// refused, and once the ids have come round the live blocks stay exactly where they were.
+// A server restarted, and a client on a name of its own per request (the string freed after the
+// close), ZEL_LIFETIME_ROUNDS times each: no open is refused, an id is never one just released
+// nor a live one's, and once the ids have come round the live blocks stay where they were.
 TEST(ItcLifetime, OpenCloseRoundsRunForeverInConstantMemory) {
   Dm dm;
+  uint32_t keep = 0, last = 0, wraps = 0;
+  ASSERT_EQ(open(&keep, "keep", LIB_ITC_SERVER, dm.dm), 0u);
   for (const bool per_request : {false, true}) {
     SCOPED_TRACE(per_request ? "per-request client names" : "a server restarted");
     long settled = -1;
     for (uint32_t i = 0; i < ZEL_LIFETIME_ROUNDS; ++i) {
       char *name = strdup(per_request ? std::to_string(i).c_str() : "restarted");
-      ASSERT_NE(name, nullptr);
       uint32_t h = 0;
       ASSERT_EQ(open(&h, name, per_request ? LIB_ITC_CLIENT : LIB_ITC_SERVER, dm.dm), 0u) << i;
+      ASSERT_TRUE(id_of(h) != id_of(last) && id_of(h) != id_of(keep)) << i;
+      wraps += id_of(h) < id_of(last) ? 1 : 0;
+      last = h;
       ASSERT_EQ(lib_itc_close(&h), 0);
       free(name);
-      ASSERT_EQ(kro_dm_dispatch(dm.dm), KRO_DM_OK);  // the clean-up
-      if (i == 70000) {
-        settled = fault_live_blocks();  // past 65535: every id has been handed out once
-      }
+      ASSERT_EQ(kro_dm_dispatch(dm.dm), KRO_DM_OK);          // the clean-up
+      settled = i == 70000 ? fault_live_blocks() : settled;  // every id handed out once
     }
     EXPECT_EQ(fault_live_blocks(), settled);
   }
+  EXPECT_GE(wraps, 1u);
+  EXPECT_EQ(lib_itc_close(&keep), 0);
 }
 
 }  // namespace

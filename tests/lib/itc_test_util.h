@@ -1,5 +1,4 @@
-// Helpers of the channel tests: dispatch managers driven by the test thread, callbacks that
-// record or script what a channel is told, and messages made from strings.
+// Helpers of the channel tests.
 #ifndef ZEL_TESTS_LIB_ITC_TEST_UTIL_H_
 #define ZEL_TESTS_LIB_ITC_TEST_UTIL_H_
 
@@ -19,16 +18,14 @@ constexpr uint32_t id_of(uint32_t h) {
   return h >> 16;
 }
 
-// Runs dispatch steps of a manager owned by the calling thread until nothing more is due now:
-// enough for deliveries, set-aside messages and clean-up timers armed by them.
+// Enough dispatch steps for deliveries, set-aside messages and the clean-ups armed by them.
 inline void pump(kro_dm_t *dm) {
   for (int i = 0; i < 4; ++i) {
     ASSERT_EQ(kro_dm_dispatch(dm), KRO_DM_OK);
   }
 }
 
-// A manager driven by the test thread. The destructor runs the clean-up steps of channels
-// closed meanwhile; destroying the manager fails while one of its channels is open.
+// A manager driven by the test thread; its destruction fails while one of its channels is open.
 struct Dm {
   Dm() { EXPECT_EQ(kro_dm_create(&dm), KRO_DM_OK); }
   ~Dm() {
@@ -38,8 +35,7 @@ struct Dm {
   kro_dm_t *dm = nullptr;
 };
 
-// One message as a channel's callback saw it. For LIB_ITC_MSG_CONNECT: a = event code,
-// b = client handle. For LIB_ITC_MSG_DATA: a = sender, b = length, text = the payload.
+// A message as a callback saw it: event code and client, or sender, length and payload.
 struct Event {
   uint32_t type, a, b;
   std::string text;
@@ -56,7 +52,6 @@ inline Event left(uint32_t c) {
   return {LIB_ITC_MSG_CONNECT, LIB_ITC_MSG_DISCONNECT, c, ""};
 }
 
-// Reads a connection event, or receives and frees a data message, as a callback of `handle`.
 inline Event take_event(uint32_t handle, uint32_t type) {
   Event e{type, 0, 0, ""};
   if (type == LIB_ITC_MSG_CONNECT) {
@@ -70,8 +65,7 @@ inline Event take_event(uint32_t handle, uint32_t type) {
   return e;
 }
 
-// Callbacks: one that records every event (cookie: an Events), one that takes nothing, and one
-// that runs what the test gives it (cookie: an Fn).
+// Callbacks: recording into an Events, taking nothing, or running an Fn.
 inline void record(uint32_t handle, uint32_t type, void *cookie) {
   static_cast<Events *>(cookie)->push_back(take_event(handle, type));
 }
@@ -87,8 +81,7 @@ inline uint32_t open(uint32_t *h, const char *name, int32_t role, kro_dm_t *dm,
   return lib_itc_open(h, name, role, attr, dm, cb, cookie);
 }
 
-// Opens and closes a channel so that the process-wide name service, which lives on, exists
-// before the blocks are counted.
+// Makes the process-wide name service, which lives on, before blocks are counted.
 inline void warm(kro_dm_t *dm) {
   uint32_t h = 0;
   ASSERT_EQ(open(&h, "warm", LIB_ITC_SERVER, dm), 0u);
@@ -96,7 +89,6 @@ inline void warm(kro_dm_t *dm) {
   pump(dm);
 }
 
-// Allocates a data message holding `text` for `handle`; nullptr on failure.
 inline void *make_msg(uint32_t handle, const std::string &text) {
   void *p = nullptr;
   return lib_itc_alloc(handle, static_cast<uint32_t>(text.size()), &p) == 0
@@ -104,8 +96,7 @@ inline void *make_msg(uint32_t handle, const std::string &text) {
              : nullptr;
 }
 
-// Sends `text` from `handle` to `destination`; frees the message when the send fails and
-// returns the send's result.
+// Frees the message when the send is refused.
 inline int send_text(uint32_t handle, uint32_t destination, const std::string &text) {
   void *payload = make_msg(handle, text);
   const int rc = payload != nullptr ? lib_itc_send(handle, destination, payload) : -1;
