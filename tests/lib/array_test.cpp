@@ -19,37 +19,6 @@ void release(lib_array_t *a) {
   free(a);
 }
 
-// Each step: 'a' append, 'i' insert at `index`, 'r' remove at `index`, with the expected result
-// (slot index; for 'r' the value index) and the count and high-water mark after it.
-TEST(Array, HolesAndEmptyValues) {
-  struct Step {
-    char op;
-    int value, index, expect, count, used;
-  };
-  // clang-format off
-  const Step steps[] = {
-      {'a', 1, 0, 0, 1, 1}, {'a', 2, 0, 1, 2, 2}, {'a', 3, 0, 2, 3, 3},
-      {'r', 0, 1, 2, 2, 3},    // remove keeps the neighbours
-      {'r', 0, 1, -1, 2, 3},   // removing an empty slot changes nothing
-      {'i', 4, 0, 1, 3, 3},    // insert fills the first hole at or after index
-      {'i', 5, 2, 3, 4, 4},    // no hole at or after 2: appends
-      {'a', -1, 0, 4, 5, 5},   // storing empty counts...
-      {'i', 6, 4, 4, 6, 5},    // ...and the slot is found again as a hole
-      {'r', 0, 4, 6, 5, 5}, {'r', 0, 4, -1, 5, 5},
-  };
-  // clang-format on
-  lib_array_t *a = lib_array_pointers_create(3, 3, LIB_ARRAY_SPARSE, v(-1));
-  for (const Step &s : steps) {
-    SCOPED_TRACE(::testing::Message() << "step " << &s - steps);
-    EXPECT_EQ(s.op == 'r'   ? lib_array_pointers_remove(a, s.index)
-              : s.op == 'a' ? v(lib_array_pointers_append(a, v(s.value)))
-                            : v(lib_array_pointers_insert(a, v(s.value), s.index)),
-              v(s.expect));
-    EXPECT_TRUE(a->count == s.count && a->used == s.used);
-  }
-  release(a);
-}
-
 // Capacity and count stop at 65535: a refused growth keeps the array, and its holes can still
 // be refilled; inserting empty into counted holes stops there too.
 TEST(Array, LimitsOf65535) {

@@ -1,6 +1,5 @@
-// Bad input to the growable arrays, the hashed name tables and the name service: capacity 0;
-// NULL arrays, tables, elements, services, handles and names; full arrays, bad indexes and holes;
-// id 0, unknown ids and slots; ids run out; an owner taken.
+// Bad input to the growable arrays, the hashed name tables and the name service: NULLs, full
+// arrays, bad indexes and holes, unknown ids and slots, ids run out, an owner taken.
 #include <zel/array.h>
 #include <zel/name_service.h>
 
