@@ -97,11 +97,10 @@ TEST(IpcReg, MessagesAndTracePointsOfOneCycle) {
   zel_ipc_reg_mgr_cleanup(&top);
 }
 
-// Threads racing through their first set-up register the trace module once, and each goes on
-// only once it is registered. Then each runs a registry of its own through random adds (new, or
-// again of a linked one), deletes and lookups against its linked registrations in the order
-// first added: a lookup finds the newest with the key. Names include two of 100 characters
-// differing in the last, looked up also longer and shorter; the tables grow and shrink.
+// Threads racing through their first set-up register the module once, each going on only once
+// it is. Each runs a registry of its own through random adds, deletes and lookups against a
+// list in the order first added: a lookup finds the newest with the key (names of 100
+// characters differing in the last, looked up longer and shorter); the tables grow and shrink.
 TEST(IpcReg, ThreadsRunRegistriesAgainstAModelOfEqualKeys) {
   zel_test::StdoutCapture quiet;
   const long live_before = zel_test::fault_live_blocks();
