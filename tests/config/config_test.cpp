@@ -1,6 +1,6 @@
-// The configuration object and its SNMP provider: each refusal with its result and trace point,
-// the configuration string byte for byte and in one allocation (objects used on several threads
-// at once), the append primitive, every allocation failure.
+// The configuration string byte for byte and in one allocation (objects used on several threads
+// at once), the append primitive's cut, every allocation failure with its result and trace point.
+// (Refusals and their trace points are in the bad-input table.)
 #include <gtest/gtest.h>
 #include <kro/probe.h>
 #include <zel/config.h>
@@ -31,34 +31,11 @@ namespace {
 
 using Config = std::unique_ptr<zel_util_config_t, void (*)(zel_util_config_t *)>;
 using Op = std::function<int32_t(zel_util_config_t *)>;
-using Traces = std::vector<std::string>;
 
 Config make(const char *loc = "loc1", const char *prov = "snmp") {
   static const bool registered = (zel_cfg_string_dt_init_once(), true);
   (void)registered;
   return Config(zel_util_config_create(loc, prov), zel_util_config_destroy);
-}
-
-std::string str(zel_util_config_t *c) {
-  const char *s = zel_util_config_string_get(c);
-  return s == nullptr ? "(null)" : s;
-}
-
-// The error-level trace points of this module journalled since kro_probe_journal_start, each as
-// "FUNCTION: CODE: MESSAGE" (the journal adds "TID: MODULE: " before and the line after FUNCTION).
-Traces traces() {
-  const std::string level = "_kro_dt_log_filter_adv ZEL-CFG-STR.error ", module = ": ZEL-CFG-STR: ";
-  Traces out;
-  for (size_t i = 0; const char *e = kro_probe_journal_entry(i); ++i) {
-    const std::string entry = e;
-    const size_t at = entry.find(module);
-    if (entry.starts_with(level) && at != std::string::npos) {
-      const std::string rest = entry.substr(at + module.size());
-      out.push_back(rest.substr(0, rest.find(": ")) +
-                    rest.substr(rest.find(": ", rest.find(": ") + 2)));
-    }
-  }
-  return out;
 }
 
 Op ctx(const char *c) {
@@ -77,76 +54,12 @@ constexpr zel_snmp_instance_type_t kExact = ZEL_SNMP_INSTANCE_EXACT,
                                    kWild = ZEL_SNMP_INSTANCE_WILDCARD,
                                    kRep = ZEL_SNMP_INSTANCE_REPEAT,
                                    kRange = ZEL_SNMP_INSTANCE_RANGE;
-const std::string k11(11, 'l'), k33(33, 'n'), k81s(81, 'o'), k257(257, 'c');
-const char *const k81 = k81s.c_str();
-
-// Each refusal changes nothing (a full list frees the refused element): its result, its trace
-// point ("" when none) and the string afterwards.
-TEST(SnmpAdd, EveryTracedRefusal) {
-  const std::string a = "zel_util_snmp_add_", lp = "location/provider string exceeded max limit\n",
-                    objl = a + "object: 3: object list name/object string exceeds max limit\n",
-                    name = a + "object: 45: different object list name\n",
-                    start = a + "instance: 3: start oid exceeded max limit\n",
-                    type = a + "instance: 46: type mismatch\n", r12 = "/loc1/snmp///;/p;range;1-2",
-                    ctxl = a + "context: 3: context string exceeded max limit\n",
-                    instl = a + "instance: 3: instance list name exceeded max limit\n",
-                    end = a + "instance: 3: end oid exceeded max limit\n",
-                    wild = a + "instance: 3: wildcard oid exceeded max limit\n";
-  const Op full = [](zel_util_config_t *c) {  // both lists at their capacity
-    int32_t res = 0;
-    for (int i = 0; i < ZEL_SNMP_LIST_CAPACITY; ++i) {
-      res |= zel_util_snmp_add_object(c, "n", "o") | inst("n", kWild, nullptr)(c);
-    }
-    return res;
-  };
-  const auto create = [](const char *loc, const char *prov) {
-    return [=](zel_util_config_t *) { return zel_util_config_create(loc, prov) ? 0 : 3; };
-  };
-  const struct {
-    const char *label;
-    Op setup, call;
-    int32_t result;
-    std::string trace;
-    const char *after = "(null)";  // nullptr: not compared
-  } rows[] = {
-      {"location 11", {}, create(k11.c_str(), "p"), 3, "zel_util_config_create: 3: " + lp},
-      {"context 257", {}, ctx(k257.c_str()), 3, ctxl},
-      {"context set", ctx("first"), ctx("second"), 9, "", "/loc1/snmp///;/;;/first"},
-      {"list name 33", {}, obj(k33.c_str(), "o"), 3, objl},
-      {"list name prefix", obj("ifX", "1"), obj("if", "2"), 11, name, "/loc1/snmp///ifX;1/;;"},
-      {"instance list name 33", {}, inst(k33.c_str(), kExact, "1"), 3, instl},
-      {"range without end, start 81", {}, inst("n", kRange, k81), 15, ""},
-      {"range both 81", {}, inst("n", kRange, k81, k81), 15, end},
-      {"range start 81", {}, inst("n", kRange, k81, "2"), 15, start},
-      {"wildcard 81", {}, inst("n", kWild, k81), 15, wild},
-      {"type 5", {}, inst("n", 5, "1"), 31, a + "instance: 26: unknown type\n"},
-      {"instance list name", inst("p", kRange, "1", "2"), inst("q", kExact, "1"), 11,
-       a + "instance: 44: instance list name mismatch\n", r12.c_str()},
-      {"type", inst("p", kRange, "1", "2"), inst("p", kExact, "1"), 11, type, r12.c_str()},
-      {"object list full", full, obj("n", "o"), 28, a + "object: 28: object list full\n", nullptr},
-      {"instance list full", full, inst("n", kWild, nullptr), 28,
-       a + "instance: 28: instance list full\n", nullptr},
-      {"empty list name renamed with another type", inst("", kExact, "1"), inst("x", kRep, "2"), 11,
-       type, "/loc1/snmp///;/;exact;1"},
-  };
-  for (const auto &r : rows) {
-    SCOPED_TRACE(r.label);
-    Config c = make();
-    ASSERT_EQ(r.setup ? r.setup(c.get()) : 0, 0);
-    kro_probe_journal_start();
-    EXPECT_EQ(r.call(c.get()), r.result);
-    EXPECT_EQ(traces(), r.trace.empty() ? Traces{} : Traces{r.trace});
-    if (r.after != nullptr) {
-      EXPECT_EQ(str(c.get()), r.after);
-    }
-  }
-}
 
 // Each string byte for byte, built in one allocation of its length plus the terminator; a build
 // frees the string replaced by the one before it. Objects are independent: four threads build,
 // render and destroy them at once, with a refused (traced) addition in between.
 TEST(SnmpString, ByteForByte) {
-  const std::string o80(80, '1'), n32(32, 'n'), c256(256, 'c'), h = "/loc1/snmp//";
+  const std::string o80(80, '1'), n32(32, 'n'), c256(256, 'c'), k257(257, 'c'), h = "/loc1/snmp//";
   const struct {
     const char *label;
     std::vector<Op> ops;  // each must return 0
@@ -207,7 +120,7 @@ TEST(SnmpString, ByteForByte) {
 }
 
 // The exported append primitive counts, appends and cuts at the room left (an outside provider
-// writes through it alone).
+// writes through it alone; the string builds never cut).
 TEST(CfgStrcat, AppendsAndCutsAtTheRoomLeft) {
   for (auto [before, counter, src, want, left] : {std::tuple{"", 8, "abc", "abc", 5},
                                                   {"ab", 6, "cdefg", "abcdefg", 0},
@@ -216,16 +129,14 @@ TEST(CfgStrcat, AppendsAndCutsAtTheRoomLeft) {
     char buf[9] = {};  // room for 8 characters, and a guard byte
     strcpy(buf, before);
     cfg_strcat(buf, src, &counter);
-    EXPECT_STREQ(buf, want);
-    EXPECT_EQ(counter, left);
-    EXPECT_EQ(buf[8], '\0');
+    EXPECT_EQ(std::tuple(std::string(buf), counter, buf[8]), std::tuple(want, left, '\0'));
   }
 }
 
-// Fails each allocation of `call` in turn, on an object `prepare` built: for each failure its
-// result, its trace point and the string built afterwards. The run without a failure succeeds.
-Traces failures(const Op &prepare, const Op &call) {
-  Traces out;
+// Each allocation of `call` fails in turn, on an object `prepare` built: for each failure, its
+// result, its one error trace point ("<function>: <code>: <message>") and the string afterwards.
+std::vector<std::string> failures(const Op &prepare, const Op &call) {
+  std::vector<std::string> out;
   zel_test::fault_sweep([&](unsigned n) {
     Config c = make();
     prepare(c.get());
@@ -235,10 +146,17 @@ Traces failures(const Op &prepare, const Op &call) {
     const bool hit = zel_test::fault_fired();
     zel_test::fault_disarm();
     EXPECT_TRUE(hit || res == ZEL_CFG_OK) << res;
-    const Traces t = traces();
-    if (hit) {
-      out.push_back(std::to_string(res) + " " + (t.size() == 1 ? t[0] : "?") + str(c.get()));
+    std::string line = "?";
+    for (size_t i = 0; const char *e = kro_probe_journal_entry(i); ++i) {
+      const std::string entry = e, module = ": ZEL-CFG-STR: ";
+      const size_t at = entry.find(module) + module.size(), end = entry.find(": ", at);
+      if (entry.starts_with("_kro_dt_log_filter_adv ZEL-CFG-STR.error ")) {
+        line = line == "?" ? entry.substr(at, end - at) + entry.substr(entry.find(": ", end + 2))
+                           : "more than one";
+      }
     }
+    const char *s = zel_util_config_string_get(c.get());
+    if (hit) out.push_back(std::to_string(res) + " " + line + (s ? s : "(null)"));
     return hit;
   });
   return out;
@@ -248,6 +166,7 @@ Traces failures(const Op &prepare, const Op &call) {
 // the element (result 5; the list's name and type stay stored). A failed string build keeps no
 // string, and the next build works.
 TEST(ConfigFault, EveryAllocation) {
+  using Traces = std::vector<std::string>;
   const Op none = [](zel_util_config_t *) { return 0; };
   const std::string part = "4 initialize_prov_cfg: 5: memory allocation failed\n(null)",
                     failed = ": 5: memory allocation failed\n";

@@ -1,5 +1,6 @@
-// The IPC client registry: what each operation prints and journals, the name and id limits,
-// lookups with equal keys against a model on several threads at once, allocation failures.
+// The IPC client registry: what each operation prints and journals, lookups with equal keys
+// against a model on several threads at once, allocation failures. (Refusals are in the
+// bad-input table.)
 #include <host/probe.h>
 #include <kro/probe.h>
 #include <zel/ipc_reg.h>
@@ -29,9 +30,6 @@ static_assert(sizeof(zel_ipc_reg_t) == 136 && offsetof(zel_ipc_reg_t, id) == 16 
 
 namespace {
 
-using zel_test::FaultScope;
-using zel_test::StdoutCapture;
-
 const std::string k_in = "entering\n\n", k100(100, 'n');
 
 // The last filtered-log call journalled, as "<flag> <function>: <code>: <message>", read from
@@ -55,19 +53,16 @@ std::string last_log() {
 // and the filtered-log call each step ends with: the callbacks trace under their own names.
 TEST(IpcReg, MessagesAndTracePointsOfOneCycle) {
   kro_probe_journal_start();
-  StdoutCapture out;
+  zel_test::StdoutCapture out;
   const auto said = [&out](const std::string &want, const std::string &log) {
     EXPECT_EQ(out.take(), want);
     EXPECT_EQ(last_log(), log);
   };
-  const std::string t = "trace zel_ipc_reg_", error = "error zel_ipc_reg_";
+  const std::string t = "trace zel_ipc_reg_";
   zel_ipc_reg_top_t top{};
   ASSERT_EQ(zel_ipc_reg_mgr_init(&top), ZEL_IPC_REG_OK);
   said(k_in + "hashset create\n\nhashmap create\n\n", t + "mgr_init: 0: hashmap create\n");
   EXPECT_STREQ(kro_probe_journal_entry(0), "any_module_dt_init " ZEL_IPC_REG_MODULE_NAME);
-  EXPECT_EQ(zel_ipc_reg_mgr_init(nullptr), ZEL_IPC_REG_EINVAL);
-  said(k_in + "ipc reg top cannot be null\n\n",
-       error + "mgr_init: 26: ipc reg top cannot be null\n");
   zel_ipc_reg_t *e = zel_ipc_reg_new("alpha", 7, 0);
   said(k_in + "ipc reg id 7 allocated to ipc client alpha\n\n",
        t + "new: 0: ipc reg id 7 allocated to ipc client alpha\n");
@@ -81,8 +76,6 @@ TEST(IpcReg, MessagesAndTracePointsOfOneCycle) {
   EXPECT_EQ(zel_ipc_reg_get_by_id(top, 7), e);
   said("searching ipc reg db by ipc client id 7\n\nipc reg id is :7\n\nThe value 1:7:, 2 :7:\n\n",
        t + "hashset_matcher: 0: The value 1:7:, 2 :7:\n");
-  zel_ipc_reg_add(&top, nullptr);
-  said(k_in + "invalid input params\n\n", error + "add: 26: invalid input params\n");
   zel_ipc_reg_delete(&top, e);
   said(k_in + "deleting ipc client alpha:7 from db\n\nipc reg id is :7\n\n" +
            "ipc reg name is :alpha\n\n",
@@ -96,25 +89,20 @@ TEST(IpcReg, MessagesAndTracePointsOfOneCycle) {
   said(k_in + "ipc reg id -1 allocated to ipc client " + k100 + "\n\n",  // printed with %d
        t + "new: 0: ipc reg id -1 allocated to ipc client " + k100 + "\n");
   zel_ipc_reg_cleanup(e);
-  EXPECT_EQ(zel_ipc_reg_new((k100 + "n").c_str(), 1, 0), nullptr);
-  said(k_in + k_in + "ipc reg registration invalid input params\n\n",
-       error + "new: 26: ipc reg registration invalid input params\n");
   zel_ipc_reg_mgr_cleanup(&top);
-  said(k_in, t + "mgr_cleanup: 0: entering\n");
+  said(k_in + k_in, t + "mgr_cleanup: 0: entering\n");
   EXPECT_TRUE(top.set == nullptr && top.map == nullptr && top.inited == 1u);
   ASSERT_EQ(zel_ipc_reg_mgr_init(&top), ZEL_IPC_REG_OK);  // the module is registered once
   EXPECT_EQ(host_probe_registrations(ZEL_IPC_REG_MODULE_NAME), 1u);
   zel_ipc_reg_mgr_cleanup(&top);
 }
 
-// Threads racing through their first set-up register the trace module once, and each goes on
-// only once it is registered. Then each runs a registry of its own through random adds (new, or
-// again of a linked one), deletes and lookups against a list of its linked registrations in the
-// order first added: a lookup finds the newest one with the key. Names include two of 100
-// characters differing in the last, looked up also longer and shorter; the tables grow and
-// shrink several times. Nothing stays allocated.
+// Threads racing through their first set-up register the module once, each going on only once
+// it is. Each runs a registry of its own through random adds, deletes and lookups against a
+// list in the order first added: a lookup finds the newest with the key (names of 100
+// characters differing in the last, looked up longer and shorter); the tables grow and shrink.
 TEST(IpcReg, ThreadsRunRegistriesAgainstAModelOfEqualKeys) {
-  StdoutCapture quiet;
+  zel_test::StdoutCapture quiet;
   const long live_before = zel_test::fault_live_blocks();
   const std::string names[] = {"a", "b", "twin", k100, k100.substr(0, 99) + "m"};
   const uint32_t ids[] = {1, 2, 5, 0x80000000u, 0xffffffffu};
@@ -171,18 +159,18 @@ TEST(IpcReg, ThreadsRunRegistriesAgainstAModelOfEqualKeys) {
 }
 
 // Every allocation of a client's cycle in turn, each failure with its output and error trace
-// (code 5): of the set-up (a failed set leaves `map` as it was, a failed map frees the set again),
-// of new, and of an add's name pair (not reported: the registration is found by id only, and its
-// delete unlinks it from the set). Nothing stays live.
+// (code 5): of the set-up (a failed set leaves `map` as it was, a failed map frees the set
+// again), of new, and of an add's name pair (not reported: the registration is found by id
+// only, and its delete unlinks it from the set).
 TEST(IpcRegFault, EveryAllocationOfACycleFailsCleanly) {
-  StdoutCapture out;
+  zel_test::StdoutCapture out;
   kro_probe_journal_start();
   const unsigned runs = zel_test::fault_sweep([&](unsigned n) {
     SCOPED_TRACE(n);
     zel_ipc_reg_top_t top{};
     top.map = reinterpret_cast<kro_hashmap_t *>(&top);
     out.take();
-    FaultScope fault(n);
+    zel_test::FaultScope fault(n);
     if (zel_ipc_reg_mgr_init(&top) != ZEL_IPC_REG_OK) {
       const std::string text = out.take();
       const bool set_failed = text.find("hashmap create") == std::string::npos;

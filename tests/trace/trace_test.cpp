@@ -30,11 +30,10 @@ int trace_bad(int a, const char *b) {
   return __LINE__ - 1;
 }
 
-// Each row passes a site: of an all-zero record never registered (its flag reads as off), or of
-// the registered TEST-MOD with the level's flag on or off and the host's answers given. Every
-// pass echoes and ends in the filtered log, exact but for the site's slot; the thread id leads
-// the message. Only the error passed with both answers "yes" reaches the history, whose copy is
-// cut to 511 characters.
+// Each row passes a site of a record never registered (its flag reads as off), or of TEST-MOD
+// with the level's flag on or off and the host's answers given. Every pass echoes and ends in
+// the filtered log (one slot per site); only an error with both answers "yes" reaches the
+// history, whose copy is cut to 511 characters.
 TEST(TracePoint, StepsFormatsAndTheHistoryCut) {
   struct Row {
     bool registered, error, on;
@@ -71,8 +70,7 @@ TEST(TracePoint, StepsFormatsAndTheHistoryCut) {
     EXPECT_EQ(zel_test::fault_allocations(), 0U);
     EXPECT_EQ(out.take(), row.error ? "bad 42 x\n\n" : "entering\n\n");
     std::vector<std::string> j;
-    for (size_t i = 0; i < kro_probe_journal_count(); ++i)
-      j.emplace_back(kro_probe_journal_entry(i));
+    for (size_t i = 0; const char *e = kro_probe_journal_entry(i); ++i) j.emplace_back(e);
     ASSERT_EQ(j.size(), row.calls.size() + 1);
     EXPECT_EQ(std::vector<std::string>(j.begin(), j.end() - 1), row.calls);
     const std::string module = row.registered ? "TEST-MOD" : "(null)",
