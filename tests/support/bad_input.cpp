@@ -8,7 +8,7 @@
 
 namespace zel_bad_input {
 
-void check(const std::string &label, const std::function<intptr_t()> &call, intptr_t want) {
+void check(const std::string &label, intptr_t want, const std::function<intptr_t()> &call) {
   SCOPED_TRACE(label);
   const long before = zel_test::fault_live_blocks();
   EXPECT_EQ(call(), want);
@@ -18,7 +18,7 @@ void check(const std::string &label, const std::function<intptr_t()> &call, intp
 void run_rows(std::span<const Row> rows, void (*before)(), void (*after)(const Row &)) {
   for (const Row &row : rows) {
     if (before != nullptr) before();
-    check(row.call, row.run, row.want);
+    check(row.call, row.want, row.run);
     SCOPED_TRACE(row.call);
     if (after != nullptr) after(row);
   }

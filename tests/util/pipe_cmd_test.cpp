@@ -1,5 +1,5 @@
-// zel_lib_pipe_cmd: pieces and result codes, the caller's environment (signals, descriptors,
-// no process), allocation failures, interrupted calls and concurrent callers. The children are
+// zel_lib_pipe_cmd: pieces and results, the caller's environment (signals, descriptors, no
+// process), allocation failures, interrupted calls and concurrent callers. The children are
 // /bin/sh scripts; fdopen is wrapped at link time.
 #include <zel/pipe_cmd.h>
 
@@ -19,8 +19,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <latch>
@@ -30,11 +28,10 @@
 #include <vector>
 
 extern "C" {
-FILE *__real_fdopen(int fd, const char *mode);  // NOLINT(bugprone-reserved-identifier)
+FILE *__real_fdopen(int fd, const char *mode);
 
-// fdopen allocates its FILE inside the C library, out of the fault wrappers' reach; one wrapped
-// allocation stands in for it so that a fault sweep fails it like any other.
-FILE *__wrap_fdopen(int fd, const char *mode) {  // NOLINT(bugprone-reserved-identifier)
+// fdopen allocates its FILE out of the fault wrappers' reach; one wrapped allocation stands in.
+FILE *__wrap_fdopen(int fd, const char *mode) {
   void *stand_in = malloc(1);
   free(stand_in);
   errno = ENOMEM;
@@ -56,8 +53,7 @@ std::set<int> open_fds(bool inheritable_only = false) {
   return fds;
 }
 
-// Runs `path` with `args` (argv[0] "sh", "-c", `script` by default), collecting the pieces;
-// without `pieces`, with no callback.
+// Runs `path` with `args` (by default sh -c `script`), collecting the pieces when given.
 uint32_t run(const std::string &script, Pieces *pieces, std::vector<std::string> args = {},
              const char *path = "/bin/sh") {
   if (args.empty()) args = {"sh", "-c", script};
@@ -98,9 +94,7 @@ TEST_F(PipeCmd, PiecesAndResults) {
   // clang-format off
   const Row rows[] = {
       {"true", ok, {}},
-      {"echo 5; echo 5", ok, {"5\n", "5\n"}},
       {"echo " + x(98), ok, {x(98) + "\n"}},
-      {"echo " + x(99), ok, {x(99), "\n"}},
       {"echo " + x(250), ok, {x(99), x(99), x(52) + "\n"}},
       {"printf " + x(150), ok, {x(99), x(51)}},  // no line feed
       {"yes " + x(80) + " | head -n 20000", ok, Pieces(20000, x(80) + "\n")},  // many reads
@@ -108,13 +102,12 @@ TEST_F(PipeCmd, PiecesAndResults) {
       {"echo bye; kill -9 $$", child, {"bye\n"}},
       {argv_lines, ok, {"own name\n", "-c\n", argv_lines + "\n", "two words\n", "\n"},
        {"own name", "-c", argv_lines, "two words", ""}},
-      {"no such program", child, {}, {"x"}, "/no/such/program",
-       "execve: No such file or directory\n"},
-      {"not executable", child, {}, {"x"}, "/dev/null", "execve: Permission denied\n"},
+      {"", child, {}, {"x"}, "/no/such/program", "execve: No such file or directory\n"},
+      {"", child, {}, {"x"}, "/dev/null", "execve: Permission denied\n"},
   };
   // clang-format on
   for (const Row &row : rows) {
-    SCOPED_TRACE(row.script.substr(0, 40));
+    SCOPED_TRACE(row.script.substr(0, 40) + row.path);
     Pieces pieces;
     testing::internal::CaptureStderr();
     EXPECT_EQ(run(row.script, &pieces, row.args, row.path), row.rc);
@@ -124,9 +117,9 @@ TEST_F(PipeCmd, PiecesAndResults) {
   EXPECT_EQ(run("echo dropped", nullptr), ZEL_PIPE_CMD_OK);
 }
 
-// A caller that ignores SIGCHLD has its children reaped by the kernel, so the wait fails
-// (ECHILD) after the output has been read. One without standard input and output has the pipe
-// take descriptors 0 and 1, so the write end already is standard output.
+// A caller that ignores SIGCHLD has its children reaped by the kernel, so the wait fails after
+// the output has been read. One without standard input and output has the pipe take
+// descriptors 0 and 1, so the write end already is standard output.
 TEST_F(PipeCmd, CallerIgnoringChildSignalsOrWithoutStandardStreams) {
   struct sigaction ignore = {}, old = {};
   ignore.sa_handler = SIG_IGN;
@@ -173,25 +166,22 @@ TEST_F(PipeCmd, ProcessCreationFails) {
 
 // 1: the stream (no piece; the child is still reaped); 2: the large stream buffer, optional.
 TEST_F(PipeCmd, AllocationFailures) {
-  const unsigned failures = zel_test::fault_sweep([&](unsigned n) {
-    Pieces pieces;
-    uint32_t rc;
-    {
-      zel_test::FaultScope fault(n);
-      rc = run("echo a; echo b; echo c", &pieces);
-    }
-    const bool no_stream = zel_test::fault_fired() && n == 1;
-    EXPECT_EQ(rc, no_stream ? ZEL_PIPE_CMD_ESTART : ZEL_PIPE_CMD_OK) << "n=" << n;
-    EXPECT_EQ(pieces.size(), no_stream ? 0u : 3u) << "n=" << n;
-    EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "n=" << n;
-    return zel_test::fault_fired();
-  });
-  EXPECT_EQ(failures, 2u);
+  EXPECT_EQ(zel_test::fault_sweep([&](unsigned n) {
+              Pieces pieces;
+              zel_test::fault_arm(n);
+              const uint32_t rc = run("echo a; echo b; echo c", &pieces);
+              zel_test::fault_disarm();
+              const bool no_stream = zel_test::fault_fired() && n == 1;
+              EXPECT_EQ(rc, no_stream ? ZEL_PIPE_CMD_ESTART : ZEL_PIPE_CMD_OK) << n;
+              EXPECT_EQ(pieces.size(), no_stream ? 0u : 3u) << n;
+              EXPECT_TRUE(waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << n;
+              return zel_test::fault_fired();
+            }),
+            2u);
 }
 
 // Each child lists its descriptors: standard output is the pipe, no other descriptor refers to
-// it, and the rest are what the caller passes to every child (a pipe of another thread's call
-// would show up here).
+// it, and the rest are what the caller passes to every child (another call's pipe would show).
 TEST_F(PipeCmd, ThreadsRunAtOnceAndChildrenHoldOnlyTheirOutput) {
   const std::set<int> inheritable = open_fds(true);
   std::latch start(4);
@@ -214,16 +204,15 @@ TEST_F(PipeCmd, ThreadsRunAtOnceAndChildrenHoldOnlyTheirOutput) {
   for (auto &th : threads) th.join();
 }
 
-// A second thread signals the caller once the caller's thread is inside the given system calls,
-// watched through /proc (no timing involved). The child reads its standard input, a pipe the
-// test controls, so it ends only when the test lets it. An interrupted wait leaves the read's
-// result and the child to the caller; an interrupted read gives EREAD.
+// A second thread signals the caller once its thread is inside the given system calls (seen in
+// /proc, no timing). The child reads its standard input, a pipe the test closes to end it. An
+// interrupted wait leaves the read's result and the child to the caller; an interrupted read
+// gives EREAD.
 TEST_F(PipeCmd, InterruptedCalls) {
-  const std::set<long> wait_calls = {SYS_wait4,
+  std::set<long> waits = {SYS_wait4};
 #ifdef SYS_waitpid
-                                     SYS_waitpid
+  waits.insert(SYS_waitpid);
 #endif
-  };
   const auto await = [tid = gettid()](const std::set<long> &calls) {
     for (long nr = -1; calls.count(nr) == 0; sched_yield()) {
       FILE *f = fopen(("/proc/self/task/" + std::to_string(tid) + "/syscall").c_str(), "r");
@@ -236,17 +225,16 @@ TEST_F(PipeCmd, InterruptedCalls) {
   sigaction(SIGUSR1, &sa, &old);
   const int saved_in = dup(0);
   for (const bool in_read : {false, true}) {
-    SCOPED_TRACE(in_read ? "read" : "wait");
     int input[2];
     ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
     dup2(input[0], 0);  // the child inherits descriptor 0 only
     close(input[0]);
     std::thread signaller([&, caller = pthread_self()] {
-      await(in_read ? std::set<long>{SYS_read} : wait_calls);
+      await(in_read ? std::set<long>{SYS_read} : waits);
       pthread_kill(caller, SIGUSR1);
       if (in_read) {
-        await(wait_calls);
-        close(input[1]);  // lets the child exit 0
+        await(waits);
+        close(input[1]);  // the child exits 0
       }
     });
     Pieces pieces;
