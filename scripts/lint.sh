@@ -4,9 +4,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ -f build/default/compile_commands.json ] || cmake --preset default >/dev/null
-mapfile -t sources < <(git ls-files 'trace/*.cpp' 'ipc_reg/*.cpp' 'lib/*.cpp' 'config/*.cpp' \
-  'data/*.cpp' 'util/*.cpp' 'platform/*.cpp')
-mapfile -t formatted < <(git ls-files '*.cpp' '*.h' '*.c' | grep -v '^fuzz/corpus/')
+# find, not git ls-files: a checkout may come without git (a fresh machine, a copied tree).
+mapfile -t sources < <(find trace ipc_reg lib config data util platform -name '*.cpp' | sort)
+mapfile -t formatted < <(find . \( -path ./build -o -path ./.git -o -path ./fuzz/corpus \) -prune \
+  -o \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) -print | sort)
 clang-format --dry-run -Werror "${formatted[@]}"
 # clang-tidy's own status decides; the filter only drops its "N warnings generated" chatter.
 status=0
