@@ -5,7 +5,8 @@
 #   scripts/deps.sh demo   the demonstration only: compiler, CMake, Ninja, pkg-config, and
 #                          net-snmp's agent (snmpd), tools (snmp) and C library (libsnmp-dev)
 #   scripts/deps.sh [all]  the full test matrix besides: the 32-bit toolchain (g++-multilib),
-#                          clang with clang-format and clang-tidy, gcovr, valgrind, GoogleTest
+#                          clang with its sanitizer and libFuzzer runtimes, clang-format and
+#                          clang-tidy, gcovr, valgrind, GoogleTest
 #                          and Google Benchmark sources, and ZeroMQ (the benchmarks' peer)
 #
 # Installing snmpd would start Debian's own agent service on port 161; a policy-rc.d that
@@ -34,6 +35,9 @@ if [ "$what" = all ]; then
   need_cmd gcovr gcovr
   need_cmd valgrind valgrind
   need_cmd clang clang
+  # The sanitizer and libFuzzer runtimes are only a recommendation of clang's package.
+  [ -n "$(find /usr/lib/llvm-*/lib/clang -name 'libclang_rt.fuzzer-x86_64.a' 2>/dev/null)" ] ||
+    missing+=(libclang-rt-dev)
   need_cmd clang-format clang-format
   need_cmd clang-tidy clang-tidy
   [ -f /usr/include/zmq.h ] || missing+=(libzmq3-dev)
