@@ -6,8 +6,8 @@
 #                          net-snmp's agent (snmpd), tools (snmp) and C library (libsnmp-dev)
 #   scripts/deps.sh [all]  the full test matrix besides: the 32-bit toolchain (g++-multilib),
 #                          clang with its sanitizer and libFuzzer runtimes, clang-format and
-#                          clang-tidy, gcovr, valgrind, GoogleTest
-#                          and Google Benchmark sources, and ZeroMQ (the benchmarks' peer)
+#                          clang-tidy, gcovr, valgrind, GoogleTest and Google Benchmark sources,
+#                          and ZeroMQ (the benchmarks' peer)
 #
 # Installing snmpd would start Debian's own agent service on port 161; a policy-rc.d that
 # refuses every service start is put in place for the installation (unless the machine has one

@@ -89,10 +89,9 @@ ZEL_API void zel_id_mgr_cleanup(zel_id_mgr_t *mgr);
 /* Hands out the next id and binds it to `ctx`.
  * Returns ZEL_ID_MGR_OK with *id set. ZEL_ID_MGR_ERROR without touching the manager or *id for
  * a NULL mgr, ctx or id, or a manager that is not initialised; ZEL_ID_MGR_ERROR with *id set to
- * 0 when the in-use
- * probe runs the counter past 0xFFFFFFFF (next_id is then 1, so the next call probes again from
- * 1), or when the binding cannot be allocated or linked (the candidate id is used up all the
- * same). Every call past the argument checks consumes at least one candidate. */
+ * 0 when the in-use probe runs the counter past 0xFFFFFFFF (next_id is then 1, so the next call
+ * probes again from 1), or when the binding cannot be allocated or linked (the candidate id is
+ * used up all the same). Every call past the argument checks consumes at least one candidate. */
 ZEL_API int32_t zel_id_mgr_get_id(zel_id_mgr_t *mgr, void *ctx, uint32_t *id);
 
 /* The context bound to `id` (the newest binding when there are two), or NULL when nothing is
