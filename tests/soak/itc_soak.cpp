@@ -1,19 +1,15 @@
 // Channel soak (README): fails unless every message was received, freed by its sender after a
-// refusal or freed by the library (the free hook sees its live stamp), each channel's connection
-// events alternate per peer, and no block is left.   itc_soak [--seconds N] [--senders N]
-#include <kro/dm.h>
+// refusal or by the library (its free hook sees the live stamp), events alternate, no block left.
 #include <malloc.h>
-#include <unistd.h>
 #include <zel/itc.h>
-#include <zel/name_service.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -22,220 +18,159 @@
 namespace {
 
 constexpr uint64_t kLive = 0x5a454c2d4954432bull;  // payload stamp while the message is out
-constexpr unsigned kNames = 2;
-const char *const kName[kNames] = {"soak.a", "soak.b"};
-const lib_itc_attr_t kServerAttr = {0, 64, 4096};
-const lib_itc_attr_t kClientAttr = {0, 16, 512};
+const char *const kName[2] = {"soak.a", "soak.b"};
+const lib_itc_attr_t kServerAttr = {0, 64, 4096}, kClientAttr = {0, 16, 512};
+thread_local std::minstd_rand t_rng;  // seeded by each thread, used by its callbacks too
 
-struct Totals {
-  std::atomic<unsigned long long> allocated{0}, sent{0}, received{0}, names{0};
-  std::atomic<unsigned long long> freed_receiver{0}, freed_sender{0}, freed_library{0};
-  std::atomic<unsigned long long> corrupt{0}, errors{0}, out_of_order{0};
-};
-Totals g_totals;
-std::atomic<bool> g_stop{false};
+struct Totals {  // failures: unexpected results, corrupt messages, events out of order
+  std::atomic<unsigned long long> allocated{0}, sent{0}, received{0}, names{0}, failures{0};
+  std::atomic<unsigned long long> freed_sender{0}, freed_library{0};  // received: freed by taker
+  std::atomic<bool> stop{false};
+} g;
 
-// Counts and reports an unexpected non-zero result; whether the result was 0.
-bool soak_ok(int rc, const char *what) {
-  if (rc != 0) {
-    ++g_totals.errors;
-    std::fprintf(stderr, "itc_soak: %s: %d\n", what, rc);
-  }
+bool soak_ok(long long rc, const char *what) {  // counts and reports a failure; whether none
+  if (rc != 0) std::fprintf(stderr, "itc_soak: %s: %lld (failure %llu)\n", what, rc, ++g.failures);
   return rc == 0;
 }
 
-// Counts the library's frees of this program's messages: blocks freed with the stamp still live.
+// Counts the library's frees of blocks still stamped live (the allocator clears freed blocks).
 void soak_free_hook(void *block) {
-  auto *hdr = static_cast<lib_itc_msg_hdr_t *>(block);
-  uint64_t stamp = 0;
-  if (malloc_usable_size(block) >= sizeof *hdr + sizeof stamp && hdr->type == LIB_ITC_MSG_DATA &&
-      (std::memcpy(&stamp, hdr + 1, sizeof stamp), stamp == kLive)) {
-    std::memset(hdr + 1, 0, sizeof stamp);  // a reused block must not count twice
-    ++g_totals.freed_library;
-  }
+  auto *m = static_cast<lib_itc_msg_hdr_t *>(block);
+  g.freed_library += malloc_usable_size(m) >= sizeof *m + sizeof kLive &&
+                     m->type == LIB_ITC_MSG_DATA && std::memcmp(m + 1, &kLive, sizeof kLive) == 0;
 }
 
-uint32_t soak_rand(uint32_t &s) {  // xorshift32
-  s ^= s << 13;
-  s ^= s >> 17;
-  s ^= s << 5;
-  return s;
-}
-
-uint32_t soak_open(uint32_t *h, const char *name, int32_t role, const lib_itc_attr_t *attr,
-                   kro_dm_t *dm, lib_itc_callback_t cb, void *cookie) {
-  const uint32_t rc = lib_itc_open(h, name, role, attr, dm, cb, cookie);
-  soak_ok(static_cast<int>(rc), role == LIB_ITC_SERVER ? "server open" : "client open");
-  return rc;
-}
-
-// Frees a message the program owns, its stamp wiped first.
 void soak_free(uint32_t handle, void *payload, std::atomic<unsigned long long> &counter) {
-  std::memset(payload, 0, sizeof kLive);
+  std::memset(payload, 0, sizeof kLive);  // the stamp wiped: not the library's free
   soak_ok(lib_itc_free(handle, payload), "free");
   ++counter;
 }
 
-// Sends a stamped message of `length` (at least 8) bytes, freed by the sender when refused.
-int soak_send(uint32_t handle, uint32_t destination, uint32_t length) {
+int soak_send(uint32_t handle, uint32_t destination, uint32_t length) {  // freed if refused
   void *p = nullptr;
-  if (!soak_ok(lib_itc_alloc(handle, length, &p), "alloc")) {
-    return -1;
-  }
-  ++g_totals.allocated;
+  if (!soak_ok(lib_itc_alloc(handle, length, &p), "alloc")) return -1;
+  ++g.allocated;
   std::memcpy(p, &kLive, sizeof kLive);
-  std::memset(static_cast<char *>(p) + sizeof kLive, 0x5a, length - sizeof kLive);
   const int rc = lib_itc_send(handle, destination, p);
-  g_totals.sent += rc == 0 ? 1 : 0;
-  if (rc != 0) {
-    soak_free(handle, p, g_totals.freed_sender);
-  }
+  g.sent += rc == 0 ? 1 : 0;
+  if (rc != 0) soak_free(handle, p, g.freed_sender);
   return rc;
 }
 
-// Receives and frees the message being delivered; returns the sender. With `may_close`, a close
-// on another thread may make the receive fail with 22 (the message goes with the channel).
+// Takes and frees the message at hand, returns its sender; `may_close`: 22 if closed meanwhile.
 uint32_t soak_receive(uint32_t handle, bool may_close = false) {
   uint32_t sender = 0, length = 0;
   void *p = nullptr;
   const int rc = lib_itc_receive(handle, &sender, &p, &length);
-  soak_ok(may_close && rc == LIB_ITC_EINVAL ? 0 : rc, "receive");
-  if (rc != 0) {
-    return 0;
-  }
-  ++g_totals.received;
-  uint64_t stamp = 0;
-  std::memcpy(&stamp, p, sizeof stamp);
-  g_totals.corrupt += length < sizeof stamp || stamp != kLive ? 1 : 0;
-  soak_free(handle, p, g_totals.freed_receiver);
+  if (!soak_ok(may_close && rc == LIB_ITC_EINVAL ? 0 : rc, "receive") || rc != 0) return 0;
+  soak_ok(length < sizeof kLive || std::memcmp(p, &kLive, sizeof kLive) != 0, "corrupt message");
+  soak_free(handle, p, g.received);
   return sender;
 }
 
-struct Server {  // its manager is created and destroyed by main, run by the server's thread
-  kro_dm_t *dm = nullptr;
-  const char *name = nullptr;
-  uint32_t handle = 0, rng = 0;
-  std::map<uint32_t, bool> connected;  // of the open instance, by client
-  uint32_t open() {
-    connected.clear();
-    return soak_open(&handle, name, LIB_ITC_SERVER, &kServerAttr, dm, soak_server_cb, this);
-  }
-  static void soak_server_cb(uint32_t handle, uint32_t type, void *cookie);
-};
-
-// Takes every connection event and three quarters of the data (some slowly), answers one in
-// eight, rarely closes its own channel.
-void Server::soak_server_cb(uint32_t handle, uint32_t type, void *cookie) {
-  auto *s = static_cast<Server *>(cookie);
-  const uint32_t r = soak_rand(s->rng);
-  uint32_t event = 0, client = 0;
-  if (type == LIB_ITC_MSG_CONNECT &&
-      soak_ok(lib_itc_get_connection_event(handle, &event, &client), "event")) {
-    g_totals.out_of_order += s->connected[client] == (event == LIB_ITC_MSG_CONNECT) ? 1 : 0;
-    s->connected[client] = event == LIB_ITC_MSG_CONNECT;
-  } else if (type == LIB_ITC_MSG_DATA && (r & 3) != 0) {
-    if ((r & 0xff0) == 0) {
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    const uint32_t sender = soak_receive(handle);
-    if (sender != 0 && (r & 0x7000) == 0) {
-      soak_send(handle, sender, 8 + (r >> 24) % 64);
-    }
-  }
-  if (r % 4096 == 1 && handle == s->handle) {
-    soak_ok(lib_itc_close(&s->handle), "server close in callback");  // the loop reopens it
-  }
-}
-
-struct Client {
-  uint32_t rng;
-  bool connected = false;
-};
-
-// Receives half the answers, or with no cookie every message of a channel that the closer
-// thread may be closing.
+// Cookie: whether the server is connected. Takes half the answers, or without one every message.
 void soak_client_cb(uint32_t handle, uint32_t type, void *cookie) {
-  auto *c = static_cast<Client *>(cookie);
-  if (c != nullptr && type != LIB_ITC_MSG_DATA) {
-    g_totals.out_of_order += c->connected == (type == LIB_ITC_MSG_CONNECTED) ? 1 : 0;
-    c->connected = type == LIB_ITC_MSG_CONNECTED;
-  } else if (type == LIB_ITC_MSG_DATA && (c == nullptr || (soak_rand(c->rng) & 1) != 0)) {
-    soak_receive(handle, c == nullptr);
+  auto *connected = static_cast<bool *>(cookie);
+  if (connected != nullptr && type != LIB_ITC_MSG_DATA) {
+    soak_ok(*connected == (type == LIB_ITC_MSG_CONNECTED), "event out of order");
+    *connected = type == LIB_ITC_MSG_CONNECTED;
+  } else if (type == LIB_ITC_MSG_DATA && (connected == nullptr || (t_rng() & 1) != 0)) {
+    soak_receive(handle, connected == nullptr);
   }
 }
 
-void soak_pump(kro_dm_t *dm) {
-  for (int i = 0; i < 4; ++i) {
-    soak_ok(kro_dm_dispatch(dm), "dispatch");
-  }
+void soak_open(uint32_t *h, const char *name, int32_t role, kro_dm_t *dm, bool *connected) {
+  soak_ok(lib_itc_open(h, name, role, &kClientAttr, dm, soak_client_cb, connected), "open");
 }
+
+struct Server {  // its manager is run by the server's thread
+  kro_dm_t *dm;
+  const char *name;
+  uint32_t handle = 0;
+  std::map<uint32_t, bool> connected{};  // of the open instance, by client
+  void open() {
+    connected.clear();
+    soak_ok(lib_itc_open(&handle, name, LIB_ITC_SERVER, &kServerAttr, dm, callback, this), "open");
+  }
+  void once() {  // alone, then its manager destroyed: a name whose server left first released
+    open();
+    soak_ok(lib_itc_close(&handle), "lone server close");
+    for (int i = 0; i < 4; ++i) soak_ok(kro_dm_dispatch(dm), "dispatch");
+    soak_ok(kro_dm_destroy(&dm), "dm destroy");
+  }
+  // Takes every connection event and three quarters of the data; answers one in eight.
+  static void callback(uint32_t handle, uint32_t type, void *cookie) {
+    auto *s = static_cast<Server *>(cookie);
+    const uint32_t r = t_rng();
+    uint32_t event = 0, client = 0;
+    if (type == LIB_ITC_MSG_CONNECT &&
+        soak_ok(lib_itc_get_connection_event(handle, &event, &client), "event")) {
+      soak_ok(s->connected[client] == (event == LIB_ITC_MSG_CONNECT), "event out of order");
+      s->connected[client] = event == LIB_ITC_MSG_CONNECT;
+    } else if (type == LIB_ITC_MSG_DATA && (r & 3) != 0) {
+      const uint32_t sender = soak_receive(handle);
+      if (sender != 0 && (r & 0x7000) == 0) soak_send(handle, sender, 8 + (r >> 24) % 64);
+    }
+    if (r % 4096 == 1 && handle == s->handle) soak_ok(lib_itc_close(&s->handle), "own close");
+  }
+};
 
 // A keeper client holds the name (and its id) for the whole run; the server comes and goes.
-void soak_server_thread(Server *s) {
-  Client keeper_client{s->rng ^ 0x9e3779b9u};
+void soak_server_thread(Server *s, uint32_t seed) {
+  t_rng.seed(seed);
+  bool keeper_connected = false;
   uint32_t keeper = 0;
-  soak_open(&keeper, s->name, LIB_ITC_CLIENT, &kClientAttr, s->dm, soak_client_cb, &keeper_client);
-  while (!g_stop.load(std::memory_order_acquire)) {
-    if (s->handle == 0) {
-      s->open();
-    }
+  soak_open(&keeper, s->name, LIB_ITC_CLIENT, s->dm, &keeper_connected);
+  while (!g.stop.load(std::memory_order_acquire)) {
+    if (s->handle == 0) s->open();
     soak_ok(kro_dm_wait(s->dm), "wait");
     soak_ok(kro_dm_dispatch(s->dm), "dispatch");
-    if (s->handle != 0 && soak_rand(s->rng) % 64 == 0) {
-      soak_ok(lib_itc_close(&s->handle), "server close");
-    }
+    if (s->handle != 0 && t_rng() % 64 == 0) soak_ok(lib_itc_close(&s->handle), "server close");
   }
   soak_ok(s->handle != 0 ? lib_itc_close(&s->handle) : 0, "server close");
   soak_ok(lib_itc_close(&keeper), "keeper close");  // main runs the clean-ups
 }
 
 // Bursts of up to 64 messages ended early by the budget, then a close (answers may be queued).
-void soak_sender_thread(uint32_t rng) {
+void soak_sender_thread(uint32_t seed) {
+  t_rng.seed(seed);
   kro_dm_t *dm = nullptr;
   soak_ok(kro_dm_create(&dm), "dm create");
-  while (dm != nullptr && !g_stop.load(std::memory_order_acquire)) {
+  while (dm != nullptr && !g.stop.load(std::memory_order_acquire)) {
     uint32_t h = 0;
-    Client client{rng};
-    soak_open(&h, kName[soak_rand(rng) % kNames], LIB_ITC_CLIENT, &kClientAttr, dm, soak_client_cb,
-              &client);
-    for (uint32_t rounds = 1 + soak_rand(rng) % 8; rounds > 0; --rounds) {
-      for (int burst = 64;
-           burst-- > 0 && soak_send(h, 0, 8 + soak_rand(rng) % 1024) != LIB_ITC_ENOSPC;) {
+    bool connected = false;
+    soak_open(&h, kName[t_rng() % 2], LIB_ITC_CLIENT, dm, &connected);
+    for (uint32_t rounds = 1 + t_rng() % 8; rounds > 0; --rounds) {
+      for (int burst = 64; burst-- > 0 && soak_send(h, 0, 8 + t_rng() % 1024) != LIB_ITC_ENOSPC;) {
       }
       soak_ok(kro_dm_dispatch(dm), "dispatch");
       std::this_thread::yield();
     }
-    soak_ok((soak_rand(rng) & 1) != 0 ? kro_dm_dispatch(dm) : 0, "dispatch");
     soak_ok(lib_itc_close(&h), "client close");
-    soak_pump(dm);
-    rng = client.rng;
+    for (int i = 0; i < 4; ++i) soak_ok(kro_dm_dispatch(dm), "dispatch");
   }
   soak_ok(kro_dm_destroy(&dm), "dm destroy");
 }
 
-// Two names with a server and a client and two client-only ones, made per request on a new
-// manager; another thread closes them, this one destroys the manager as soon as it can.
+// Per request on a new manager: two names with a server and a client, two client-only ones; a
+// closer thread closes them, this one destroys the manager as soon as it can.
 void soak_owner_thread() {
-  uint32_t rng = 0xdecade;
-  for (uint32_t seq = 0; !g_stop.load(std::memory_order_acquire);) {
+  while (!g.stop.load(std::memory_order_acquire)) {
     kro_dm_t *dm = nullptr;
     soak_ok(kro_dm_create(&dm), "dm create");
-    uint32_t handle[6] = {};
-    char *name[6] = {}, text[32];
-    for (unsigned i = 0; i < 6; ++i) {
-      if (i % 2 == 0 || i >= 4) {
-        std::snprintf(text, sizeof text, "req.%u", seq++);
-        ++g_totals.names;
-      }
+    uint32_t h[6] = {};
+    char *name[6], text[32];
+    const unsigned long long first = g.names.fetch_add(4);
+    for (unsigned i = 0; i < 6; ++i) {  // names 0, 0, 1, 1, 2, 3; servers 0 and 2
+      std::snprintf(text, sizeof text, "req.%llu", first + (i < 4 ? i / 2 : i - 2));
       name[i] = strdup(text);
-      soak_open(&handle[i], name[i], i < 4 && i % 2 == 0 ? LIB_ITC_SERVER : LIB_ITC_CLIENT,
-                &kClientAttr, dm, soak_client_cb, nullptr);
+      soak_open(&h[i], name[i], i == 0 || i == 2 ? LIB_ITC_SERVER : LIB_ITC_CLIENT, dm, nullptr);
     }
-    soak_send(handle[1], 0, 16);  // to the server of the first name: freed at its clean-up
-    std::thread closer([&, first = soak_rand(rng)] {
-      for (unsigned k = 0; k < 6; ++k) {
-        soak_ok(lib_itc_close(&handle[(first + k) % 6]), "request close");
-        std::free(name[(first + k) % 6]);
+    soak_send(h[1], 0, 16);  // to the server of the first name: freed at its clean-up
+    std::thread closer([&, k0 = t_rng()] {
+      for (unsigned k = k0; k < k0 + 6; ++k) {
+        soak_ok(lib_itc_close(&h[k % 6]), "request close");
+        std::free(name[k % 6]);
       }
     });
     while (kro_dm_destroy(&dm) == KRO_DM_EBUSY) {
@@ -246,80 +181,38 @@ void soak_owner_thread() {
   }
 }
 
-long soak_rss_kib() {
-  long pages = 0, resident = 0;
-  if (FILE *f = std::fopen("/proc/self/statm", "r")) {
-    resident = std::fscanf(f, "%ld %ld", &pages, &resident) == 2 ? resident : 0;
-    std::fclose(f);
-  }
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
   unsigned seconds = 10, senders = 3;
   for (int i = 1; i + 1 < argc; i += 2) {
-    (std::strcmp(argv[i], "--senders") == 0 ? senders : seconds) =
-        static_cast<unsigned>(std::strtoul(argv[i + 1], nullptr, 10));
+    (std::strcmp(argv[i], "--senders") == 0 ? senders : seconds) = std::atoi(argv[i + 1]);
   }
-  {  // the process-wide name service lives on: create it before the blocks are counted
-    kro_dm_t *dm = nullptr;
-    uint32_t h = 0;
-    soak_ok(kro_dm_create(&dm), "dm create");
-    soak_open(&h, "soak.warm", LIB_ITC_SERVER, nullptr, dm, soak_client_cb, nullptr);
-    soak_ok(lib_itc_close(&h), "warm-up close");
-    soak_pump(dm);
-    soak_ok(kro_dm_destroy(&dm), "dm destroy");
-  }
-  const long live_at_start = zel_test::fault_live_blocks(), rss_at_start = soak_rss_kib();
+  Server warm{nullptr, "soak.warm"}, servers[2] = {{nullptr, kName[0]}, {nullptr, kName[1]}};
+  soak_ok(kro_dm_create(&warm.dm), "dm create");
+  warm.once();  // the process-wide name service lives on: made before the blocks are counted
+  const long live_at_start = zel_test::fault_live_blocks();
   zel_test::fault_set_free_hook(soak_free_hook);
-  Server servers[kNames] = {{nullptr, kName[0], 0, 0x1234567u, {}},
-                            {nullptr, kName[1], 0, 0x2468aceu, {}}};
   std::vector<std::thread> threads;
-  for (Server &s : servers) {
-    soak_ok(kro_dm_create(&s.dm), "dm create");
-    threads.emplace_back(soak_server_thread, &s);
+  for (uint32_t i = 0; i < 2; ++i) {
+    soak_ok(kro_dm_create(&servers[i].dm), "dm create");
+    threads.emplace_back(soak_server_thread, &servers[i], 0x1234567u * (i + 1));
   }
-  for (unsigned i = 0; i < senders; ++i) {
-    threads.emplace_back(soak_sender_thread, 0xa5a5a5u + 7919u * i);
-  }
+  for (uint32_t i = 0; i < senders; ++i) threads.emplace_back(soak_sender_thread, 7919u * i + 1);
   threads.emplace_back(soak_owner_thread);
-  std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 100));
-  const long live_early = zel_test::fault_live_blocks() - live_at_start, rss_early = soak_rss_kib();
-  std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 900));
-  g_stop.store(true, std::memory_order_release);
-  kro_dm_wake(servers[0].dm);
-  kro_dm_wake(servers[1].dm);
-  for (std::thread &t : threads) {
-    t.join();
-  }
-  for (Server &s : servers) {
-    // A server that comes and goes alone releases a name whose server left before its clients.
-    s.open();
-    soak_ok(lib_itc_close(&s.handle), "last server close");
-    soak_pump(s.dm);
-    soak_ok(kro_dm_destroy(&s.dm), "server dm destroy");
-  }
+  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  g.stop.store(true, std::memory_order_release);
+  for (Server &s : servers) kro_dm_wake(s.dm);
+  for (std::thread &t : threads) t.join();
+  for (Server &s : servers) s.once();
   zel_test::fault_set_free_hook(nullptr);
-  const long live = zel_test::fault_live_blocks() - live_at_start, rss_end = soak_rss_kib();
-  const Totals &t = g_totals;
-  const bool ok = t.allocated == t.freed_receiver + t.freed_sender + t.freed_library &&
-                  t.sent == t.received + t.freed_library && t.received == t.freed_receiver &&
-                  t.allocated == t.sent + t.freed_sender && t.corrupt == 0 && t.errors == 0 &&
-                  t.out_of_order == 0 && live == 0;
+  const long live = zel_test::fault_live_blocks() - live_at_start;
+  const bool ok = g.allocated == g.sent + g.freed_sender &&
+                  g.sent == g.received + g.freed_library && g.failures == 0 && live == 0;
   std::printf(
-      "itc_soak: %u s, %u senders: allocated %llu, sent %llu, received %llu; freed "
-      "by receiver %llu, by sender %llu, by library %llu; corrupt %llu, errors %llu, events out "
-      "of order %llu, blocks left %ld: %s\n",
-      seconds, senders, t.allocated.load(), t.sent.load(), t.received.load(),
-      t.freed_receiver.load(), t.freed_sender.load(), t.freed_library.load(), t.corrupt.load(),
-      t.errors.load(), t.out_of_order.load(), live, ok ? "balanced" : "NOT BALANCED");
-  std::printf(
-      "itc_soak: %llu names made per request (ids came round %llu times); live blocks %ld at "
-      "a tenth of the run, %ld at the end; resident %ld KiB after warm-up, %ld at a tenth, %ld "
-      "at the end\n",
-      t.names.load(), t.names.load() / LIB_NAME_SERVICE_MAX_ID, live_early, live, rss_at_start,
-      rss_early, rss_end);
+      "itc_soak: allocated %llu, sent %llu, received %llu, freed by sender %llu and by "
+      "library %llu; %llu failures, %ld blocks left, %llu names made per request: %s\n",
+      g.allocated.load(), g.sent.load(), g.received.load(), g.freed_sender.load(),
+      g.freed_library.load(), g.failures.load(), live, g.names.load(), ok ? "balanced" : "FAILED");
   return ok ? 0 : 1;
 }
