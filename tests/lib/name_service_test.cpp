@@ -55,29 +55,6 @@ namespace {
 
 char g_objects[1];  // what a binder stores in its slot
 
-// The channels' binding hands out ids given back, oldest first, and refuses a new name when none
-// are.
-TEST(NameService, RecyclesIdsOldestFirst) {
-  lib_name_service_t *svc = lib_name_service_create();
-  lib_name_service_ids ids{};
-  auto bind_r = [&](const char *name, int exclusive) {
-    uint32_t h = 0;
-    lib_name_service_entry_t *e = lib_name_service_insert_recycling(svc, &h, name, exclusive, &ids);
-    if (e != nullptr) *lib_name_service_slot(svc, h) = &g_objects[0];
-    return e != nullptr ? h : 0;
-  };
-  svc->next_id = 65534;
-  const uint32_t a = bind_r("a", 1), b = bind_r("b", 1);
-  EXPECT_TRUE(a == 0xFFFE0000u && b == 0xFFFF0000u && bind_r("c", 1) == 0);  // every id bound
-  for (uint32_t h : {b, a}) {  // 65535 goes back first
-    EXPECT_NE(lib_name_service_remove(svc, h), nullptr);
-    lib_name_service_ids_put(&ids, h >> 16);
-  }
-  EXPECT_TRUE(bind_r("c", 1) == 0xFFFF0000u && bind_r("d", 1) == 0xFFFE0000u);
-  free(ids.ring);
-  ns_test::destroy(svc);
-}
-
 // One sweep over a service's life: creation (table and sets), new names (entry, slot record,
 // slot storage, slot-0 reservation, id-name insert) and a shared slot that needs growth. A
 // refused binding changes nothing, the handle included.
