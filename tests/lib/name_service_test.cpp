@@ -1,6 +1,5 @@
-// The name service, and what lib/ gives the channels: the process-wide service and mutex.
-// Link-time wrappers make the platform's mutex init, the id-name insert and the slot-0
-// reservation fail on demand: each makes one allocation, so a fault sweep fails it in its turn.
+// The name service, and the process-wide service and mutex lib/ gives the channels. Wrappers make
+// the mutex init, the id-name insert and the slot-0 reservation one allocation each, for sweeps.
 #include "lib/lib_internal.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 #include <atomic>
 #include <cerrno>
 #include <latch>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -15,9 +15,7 @@
 #include "support/fault.h"
 
 // The records' layouts are fixed on both word sizes: w(32-bit, 64-bit).
-constexpr size_t w(size_t on32, size_t on64) {
-  return sizeof(void *) == 4 ? on32 : on64;
-}
+constexpr auto w = [](size_t on32, size_t on64) { return sizeof(void *) == 4 ? on32 : on64; };
 static_assert(sizeof(lib_array_t) == w(20, 32) && offsetof(lib_array_t, capacity) == w(4, 8) &&
               offsetof(lib_array_t, flags) == w(10, 14) &&
               offsetof(lib_array_t, empty) == w(12, 16) &&
@@ -32,14 +30,10 @@ static_assert(sizeof(lib_name_service_entry_t) == w(32, 64) &&
               offsetof(lib_name_service_entry_t, flags) == w(24, 48) &&
               offsetof(lib_name_service_entry_t, slots) == w(28, 56));
 
-namespace {
-std::atomic<int> g_mutex_inits{0};
-bool stand_in() {
-  void *p = malloc(1);
-  free(p);
-  return p != nullptr;
+static std::atomic<int> g_mutex_inits{0};
+static bool stand_in() {
+  return std::unique_ptr<void, decltype(&free)>(malloc(1), free) != nullptr;
 }
-}  // namespace
 
 extern "C" {
 int __real_kro_thread_mutex_init(pthread_mutex_t *m, const pthread_mutexattr_t *a);
@@ -59,61 +53,11 @@ int32_t __wrap_lib_array_pointers_append(lib_array_t *a, void *v) {
 
 namespace {
 
-char g_objects[256];  // the object stored in slot s is &g_objects[s]
-
-// Binds and stores the slot's object, as a binder must; 0 when refused, which must leave the
-// handle unwritten.
-uint32_t bind(lib_name_service_t *svc, const char *name, bool exclusive) {
-  uint32_t h = 0xDEADBEEF;
-  lib_name_service_entry_t *e = lib_name_service_insert(svc, &h, name, exclusive ? 1 : 0);
-  EXPECT_EQ(e == nullptr, h == 0xDEADBEEF);
-  if (e != nullptr) *lib_name_service_slot(svc, h) = &g_objects[lib_name_service_handle_slot(h)];
-  return e == nullptr ? 0 : h;
-}
-
-// With the ids used up the id-name insert leaves a present name alone. The channels' binding
-// instead hands out ids given back, oldest first, and refuses a new name when none are.
-TEST(NameService, IdsStopAt65535AndRecycleOldestFirst) {
-  lib_name_service_t *svc = lib_name_service_create();
-  svc->next_id = 65535;
-  EXPECT_EQ(bind(svc, "last", true), 0xFFFF0000u);
-  kro_ext_hash_id_name_elem_t again{};
-  again.name = "last";
-  EXPECT_EQ(kro_ext_hash_id_name_insert(svc, &again), 0);
-  EXPECT_TRUE(again.id == 0 && svc->next_id == 65536u);
-  ns_test::destroy(svc);
-  svc = lib_name_service_create();
-  lib_name_service_ids ids{};
-  auto bind_r = [&](const char *name, int exclusive) {
-    uint32_t h = 0;
-    lib_name_service_entry_t *e = lib_name_service_insert_recycling(svc, &h, name, exclusive, &ids);
-    if (e != nullptr) *lib_name_service_slot(svc, h) = &g_objects[h & 1];
-    return e != nullptr ? h : 0;
-  };
-  svc->next_id = 65534;
-  const uint32_t a = bind_r("a", 1), b = bind_r("b", 1);
-  EXPECT_TRUE(a == 0xFFFE0000u && b == 0xFFFF0000u);
-  EXPECT_EQ(bind_r("c", 1), 0u);  // every id bound
-  for (uint32_t h : {b, a}) {     // 65535 goes back first
-    EXPECT_NE(lib_name_service_remove(svc, h), nullptr);
-    lib_name_service_ids_put(&ids, h >> 16);
-  }
-  EXPECT_EQ(bind_r("c", 1), 0xFFFF0000u);
-  // A shared-only entry dropped by its user gives its id back too.
-  const uint32_t shared = bind_r("d", 0);
-  EXPECT_EQ(shared, 0xFFFE0001u);
-  lib_name_service_entry_t *d = ns_test::entry_of(svc, "d");
-  EXPECT_EQ(lib_name_service_remove(svc, shared), &g_objects[1]);  // the entry stays
-  ASSERT_TRUE(lib_name_service_entry_unbound(d));
-  lib_name_service_entry_drop(svc, d, &ids);
-  EXPECT_EQ(bind_r("e", 1), 0xFFFE0000u);
-  free(ids.ring);
-  ns_test::destroy(svc);
-}
+char g_objects[1];  // what a binder stores in its slot
 
 // One sweep over a service's life: creation (table and sets), new names (entry, slot record,
 // slot storage, slot-0 reservation, id-name insert) and a shared slot that needs growth. A
-// refused binding changes nothing.
+// refused binding changes nothing, the handle included.
 TEST(NameService, FailuresChangeNothing) {
   const unsigned allocations = zel_test::fault_sweep([](unsigned n) {
     zel_test::FaultScope fault(n);
@@ -124,12 +68,15 @@ TEST(NameService, FailuresChangeNothing) {
       const uint32_t next_id = svc->next_id;
       lib_name_service_entry_t *e = ns_test::entry_of(svc, names[i]);
       const int count = e == nullptr ? 0 : e->slots->count;
-      if (bind(svc, names[i], i == 0) == 0) {
-        EXPECT_TRUE(zel_test::fault_fired() && svc->next_id == next_id) << i;
-        EXPECT_EQ(ns_test::entry_of(svc, names[i]), e) << i;
-        EXPECT_EQ(e == nullptr ? 0 : e->slots->count, count) << i;
-        break;
+      uint32_t h = 0xDEADBEEF;
+      if (lib_name_service_insert(svc, &h, names[i], i == 0 ? 1 : 0) != nullptr) {
+        *lib_name_service_slot(svc, h) = &g_objects[0];
+        continue;
       }
+      EXPECT_TRUE(zel_test::fault_fired() && svc->next_id == next_id && h == 0xDEADBEEF) << i;
+      EXPECT_EQ(ns_test::entry_of(svc, names[i]), e) << i;
+      EXPECT_EQ(e == nullptr ? 0 : e->slots->count, count) << i;
+      break;
     }
     ns_test::destroy(svc);
     return zel_test::fault_fired();
@@ -156,7 +103,7 @@ TEST(ItcNameService, ConcurrentFirstCallsCreateOneServiceAndTheMutexGuardsIt) {
   std::latch start(kThreads);
   std::vector<lib_name_service_t *> seen(kThreads);
   std::atomic<int> found{0};
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       start.arrive_and_wait();
@@ -174,10 +121,9 @@ TEST(ItcNameService, ConcurrentFirstCallsCreateOneServiceAndTheMutexGuardsIt) {
       }
     });
   }
-  for (std::thread &th : threads) th.join();
+  threads.clear();  // joins
   for (lib_name_service_t *svc : seen) EXPECT_TRUE(svc != nullptr && svc == seen[0]);
-  EXPECT_EQ(found, kThreads * kRounds);
-  EXPECT_EQ(g_mutex_inits, 1);
+  EXPECT_TRUE(found == kThreads * kRounds && g_mutex_inits == 1);
   EXPECT_EQ(ns_test::entry_of(seen[0], "shared")->slots->count, 1);
 }
 
