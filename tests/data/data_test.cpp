@@ -1,6 +1,5 @@
-// Row data records: deep copy and release, each allocation failed in turn. Value conversions: the
-// stated texts, octets by each thread's locale against the reference, the config id's scratch
-// block.
+// Row data records: deep copy and release, each allocation failed in turn. Value conversions:
+// stated texts, octets by thread locale against the reference, the config id's scratch block.
 #include <zel/convert.h>
 #include <zel/data.h>
 
@@ -56,38 +55,35 @@ std::string show(const zel_row_data_t *r) {  // everything a row holds, item by 
   for (uint32_t i = 0; r->items != nullptr && i < r->count; ++i) {
     const auto *v = static_cast<const zel_data_value_t *>(r->items[i]);
     const auto *t = static_cast<const zel_data_template_t *>(r->items[i]);
-    o << (v == nullptr ? " -" : r->kind > ZEL_ROW_DATA_TEMPLATE ? " ?" : " ");
-    if (v != nullptr && r->kind == ZEL_ROW_DATA_VALUE) {
-      o << v->tag << '/' << v->len << '/'
+    if (v == nullptr || r->kind > ZEL_ROW_DATA_TEMPLATE) {
+      o << (v ? " ?" : " -");
+    } else if (r->kind == ZEL_ROW_DATA_VALUE) {
+      o << " " << v->tag << '/' << v->len << '/'
         << (v->data ? std::string(reinterpret_cast<char *>(v->data), v->len) : "null");
-    }
-    if (t != nullptr && r->kind == ZEL_ROW_DATA_TEMPLATE) {
-      o << (t->name ? t->name : "null") << '/' << t->attr1 << '/' << t->attr2 << '/' << t->attr3
-        << '/' << t->attr4;
+    } else {
+      o << " " << (t->name ? t->name : "null") << '/' << t->attr1 << '/' << t->attr2 << '/'
+        << t->attr3 << '/' << t->attr4;
     }
   }
   return o.str();
 }
 
-// A copy holds what its source holds and shares no block with it; a failed allocation gives NULL
-// and leaves nothing. Rows of errors or an unknown kind copy only while their slots are NULL (0
-// allocations). Cleanup releases every block (an error's detail too), not an unknown kind's items.
+// A copy equals its source and shares no block; each failed allocation gives NULL, leaks nothing.
+// Error and unknown rows copy only with NULL slots; cleanup frees all but an unknown kind's items.
 TEST(DataRecords, CopiesShareNothingAndFailCleanly) {
   const long live = zel_test::fault_live_blocks();
-  char foreign[8];  // not a block: freeing it fails
-  const std::pair<zel_row_data_t *, unsigned> rows[] = {
-      {row(ZEL_ROW_DATA_VALUE, 5,
-           {value(1, "a", 1), nullptr, value(2, "\0bc", 3), value(3, nullptr, 5), value(4, "", 0)}),
-       9},
-      {row(ZEL_ROW_DATA_TEMPLATE, 3,
-           {heap(zel_data_template_t{strdup("ifHCInOctets"), 0x80000001u, 0xFFFF, 7, 0}), nullptr,
-            heap(zel_data_template_t{nullptr, 2, 2, 0xFFFFFFFDu, 0xFFFD})}),
-       5},
-      {heap(zel_row_data_t{0xA1, 0xB2, ZEL_ROW_DATA_VALUE, 7, nullptr}), 1},  // no array
-      {row(ZEL_ROW_DATA_COMPLETE, 2), 2},
-      {row(ZEL_ROW_DATA_ERROR, 2, {nullptr, heap(zel_data_error_t{0, malloc(16)})}), 0},
-      {row(UINT32_MAX, 3, {nullptr, nullptr, foreign}), 0}};
-  for (auto [src, allocations] : rows) {
+  const std::pair<unsigned, zel_row_data_t *> rows[] = {
+      {9, row(ZEL_ROW_DATA_VALUE, 5,
+              {value(1, "a", 1), nullptr, value(2, "\0bc", 3), value(3, nullptr, 5),
+               value(4, "", 0)})},
+      {5, row(ZEL_ROW_DATA_TEMPLATE, 3,
+              {heap(zel_data_template_t{strdup("ifHCInOctets"), 1u << 31, 0xFFFF, 7, 0}), nullptr,
+               heap(zel_data_template_t{nullptr, 2, 2, 3, 4})})},
+      {1, heap(zel_row_data_t{0xA1, 0xB2, ZEL_ROW_DATA_VALUE, 7, nullptr})},  // no array
+      {2, row(ZEL_ROW_DATA_COMPLETE, 2)},
+      {0, row(ZEL_ROW_DATA_ERROR, 2, {nullptr, heap(zel_data_error_t{0, malloc(16)})})},
+      {0, row(UINT32_MAX, 3, {nullptr, nullptr, const_cast<long *>(&live)})}};  // not a block
+  for (auto [allocations, src] : rows) {
     const std::string want = show(src);
     const unsigned runs = zel_test::fault_sweep([src = src, &want, allocations](unsigned n) {
       zel_test::fault_arm(n);
@@ -105,11 +101,10 @@ TEST(DataRecords, CopiesShareNothingAndFailCleanly) {
   EXPECT_EQ(zel_test::fault_live_blocks(), live);
 }
 
-constexpr char kUntouched = '\x5A';
-
 // The stated texts, one of each form (the convert corpus checks the cuts against the reference):
 // the measure call gives the length, a buffer of that length the text, terminated, nothing more.
-TEST(ConvertNumeric, StatedTexts) {
+// The config id is read through one scratch block (the corpus has its texts); a failure gives 0.
+TEST(ConvertNumeric, StatedTextsAndTheConfigIdsScratchBlock) {
   const auto ip = zel_convert_stream_to_ip_addr_str, oid = zel_convert_stream_to_oid_str;
   const uint32_t arcs[] = {0, 9, 10, 1000000000, 4294967295u};
   const std::tuple<decltype(ip), std::string, std::string> rows[] = {
@@ -122,32 +117,39 @@ TEST(ConvertNumeric, StatedTexts) {
     const zel_data_value_t value{0, static_cast<uint32_t>(bytes.size()),
                                  reinterpret_cast<uint8_t *>(const_cast<char *>(bytes.data()))};
     const auto len = static_cast<int32_t>(text.size());
-    std::string buf(text.size() + 9, kUntouched);
+    std::string buf(text.size() + 9, 'Z');
     EXPECT_EQ(convert(nullptr, 0, &value), len);
     EXPECT_EQ(convert(buf.data(), static_cast<uint32_t>(len), &value), len);
-    EXPECT_EQ(buf, text + '\0' + std::string(8, kUntouched));
+    EXPECT_EQ(buf, text + '\0' + std::string(8, 'Z'));
   }
+  EXPECT_EQ(zel_test::fault_sweep([](unsigned n) {
+              uint32_t id = 0xA5A5A5A5u;
+              zel_test::FaultScope scope(n);
+              zel_extract_config_id_from_config_result(&id, "/2147483648/x");
+              EXPECT_EQ(id, zel_test::fault_fired() ? 0u : 2147483647u);
+              return zel_test::fault_fired();
+            }),
+            1u);
 }
 
-// The form of `bytes` and its measured length L, rendered by the calling order (L, then L + 1
-// bytes and buf_len L; the value's len never read). The convert corpus checks the cuts.
-std::pair<std::string, uint32_t> octets(const std::string &bytes) {
+// The form of `bytes` by the calling order (L, then L + 1 bytes and buf_len L; the value's len
+// never read), checked with L against the reference in the thread's locale.
+std::string octets(const std::string &bytes) {
   const auto n = static_cast<uint32_t>(bytes.size());
-  const zel_data_value_t value{0, 0, reinterpret_cast<uint8_t *>(const_cast<char *>(bytes.data()))};
+  const auto *d = reinterpret_cast<const uint8_t *>(bytes.data());
+  const zel_data_value_t value{0, 0, const_cast<uint8_t *>(d)};
   const uint32_t len = zel_convert_stream_to_ascii_or_hex_len(&value, n);
   std::string full(len + 1, '\0');
   full.resize(zel_convert_stream_to_ascii_or_hex(full.data(), len, &value, n));
-  return {full, len};
+  EXPECT_EQ(std::pair(full, len), std::pair(zel_ref::octets(d, n), zel_ref::octets_len(d, n)));
+  return full;
 }
 
-// One of each form; then, read sixteen bytes at a time, every byte value alone and at the start,
-// end and middle of a block and in a long value's tail, against the plain rendering by the
-// calling thread's locale: two threads, one in C, one in ISO-8859-1 (0xE9 a letter) when built.
+// One of each form; then every byte alone, at each end and the middle of a 16-byte block and in a
+// long tail, against the reference in the thread's locale: C, and ISO-8859-1 when it can be built.
 TEST(ConvertOctets, FormsAndEveryByteAtEveryBlockPositionByEachThreadsLocale) {
-  const std::string rows[][2] = {{"ifDescr eth0", "ifDescr eth0"},
-                                 {"C:\\dir", "C:\\\\dir"},
-                                 {"q\"u,o\\te", "\"q\\\"u,o\\\\te\""},
-                                 {"a,b\x01", "\"61:2c:62:01\""}};
+  const char *const rows[] = {"ifDescr eth0", "ifDescr eth0",       "C:\\dir", "C:\\\\dir",
+                              "q\"u,o\\te",   "\"q\\\"u,o\\\\te\"", "a,b\x01", "\"61:2c:62:01\""};
   char dir[] = "/tmp/zel_locale_XXXXXX";
   ASSERT_NE(mkdtemp(dir), nullptr);
   locale_t latin1 = nullptr;
@@ -164,37 +166,18 @@ TEST(ConvertOctets, FormsAndEveryByteAtEveryBlockPositionByEachThreadsLocale) {
   const auto sweep = [&rows](locale_t loc) {
     uselocale(loc != nullptr ? loc : LC_GLOBAL_LOCALE);
     EXPECT_EQ(loc != nullptr, isalpha(0xE9) != 0);
-    for (const auto &row : rows) EXPECT_EQ(octets(row[0]).first, row[1]);
+    for (int i = 0; i < 8; i += 2) EXPECT_EQ(octets(rows[i]), rows[i + 1]);  // input, form
     const std::string base = "ab,c\\de\"fghijklmnopqrst\nuvwxyz0123456789ABCDEFGHIJ";  // 50 bytes
     for (size_t at : {0, 7, 15, 16, 31, 32, 47, 48, 49, 50}) {
       for (int c = 0; c < 256; ++c) {
         std::string bytes = at < 50 ? base : " ";  // at 50: the byte alone
         bytes[at % 50] = static_cast<char>(c);
-        const auto *d = reinterpret_cast<const uint8_t *>(bytes.data());
-        const auto n = static_cast<uint32_t>(bytes.size());
-        ASSERT_EQ(octets(bytes), std::pair(zel_ref::octets(d, n), zel_ref::octets_len(d, n)))
-            << "byte " << c << " at " << at;
+        octets(bytes);
       }
     }
   };
-  {
-    std::jthread other(sweep, latin1);
-    sweep(nullptr);
-  }
+  { std::jthread c(sweep, nullptr), l1(sweep, latin1); }
   if (latin1 != nullptr) freelocale(latin1);
-}
-
-// The id is read through one scratch block (its texts are the fuzz corpus's); a failed block
-// leaves 0.
-TEST(ConfigId, AFailedScratchBlockLeavesZero) {
-  EXPECT_EQ(zel_test::fault_sweep([](unsigned n) {
-              uint32_t id = 0xA5A5A5A5u;
-              zel_test::FaultScope scope(n);
-              zel_extract_config_id_from_config_result(&id, "/2147483648/x");
-              EXPECT_EQ(id, zel_test::fault_fired() ? 0u : 2147483647u);
-              return zel_test::fault_fired();
-            }),
-            1u);
 }
 
 }  // namespace
