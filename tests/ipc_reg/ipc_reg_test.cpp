@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <random>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,16 +24,16 @@ static_assert(sizeof(zel_ipc_reg_t) == 112 + 3 * kP && offsetof(zel_ipc_reg_t, i
 
 namespace {
 
-const std::string k100(100, 'n');
-
 // The last filtered-log entry journalled, as "<flag> <function>: <code>: <message>".
 std::string last_log() {
   std::string last;
-  for (size_t i = 0; const char *e = kro_probe_journal_entry(i); ++i)
-    if (std::string_view(e).starts_with("_kro_dt_log_filter_adv ")) last = e;
-  static const std::regex fields(
-      "^\\S+ ZEL-IPC-REG-MGR\\.(\\w+) .*?: ZEL-IPC-REG-MGR: (\\w+): \\d+: ");
-  return std::regex_replace(last, fields, "$1 $2: ");
+  char flag[8], fn[40];
+  for (int i = 0, at = 0; const char *e = kro_probe_journal_entry(i); ++i, at = 0) {
+    sscanf(e, "_kro_dt_log_filter_adv ZEL-IPC-REG-MGR.%7s %*[^:]: %*[^:]: %39[^:]: %*d: %n", flag,
+           fn, &at);
+    if (at > 0) last = flag + (" " + std::string(fn)) + ": " + (e + at);
+  }
+  return last;
 }
 
 // One client's life, message for message (ids printed signed), and each step's last trace point.
@@ -73,7 +73,7 @@ TEST(IpcReg, MessagesAndTracePointsOfOneCycle) {
 // its own against a model: a lookup finds the newest with the key (names cut at 100 characters).
 TEST(IpcReg, ThreadsRunRegistriesAgainstAModelOfEqualKeys) {
   zel_test::StdoutCapture quiet;
-  const std::string names[] = {"a", "b", "twin", k100, k100.substr(0, 99) + "m"};
+  const std::string k100(100, 'n'), names[] = {"a", "b", "twin", k100, k100.substr(0, 99) + "m"};
   const uint32_t ids[] = {1, 2, 5, 0x80000000u, 0xffffffffu};
   const auto run = [&](unsigned t) {
     zel_ipc_reg_top_t top{};
