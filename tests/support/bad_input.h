@@ -1,5 +1,5 @@
-// Bad-input tables: a row (ZEL_BAD_ROW) is a call and its stated result (an integer, a pointer,
-// 0 for a void call); an operation (ZEL_BAD_OP) a call on each of a list of named subjects `s`.
+// Bad-input tables: rows of calls (ZEL_BAD_ROW) and operations on named subjects (ZEL_BAD_OP),
+// each with its stated result: an integer, a pointer, or 0 for a void call.
 #ifndef ZEL_TESTS_SUPPORT_BAD_INPUT_H_
 #define ZEL_TESTS_SUPPORT_BAD_INPUT_H_
 
@@ -7,6 +7,8 @@
 #include <host/module_dt.h>
 
 #include <span>
+
+#include "support/fault.h"
 
 namespace zel_bad_input {
 
@@ -19,33 +21,43 @@ intptr_t result_of(S... s) {
   }
 }
 
-// One call, on the subjects S (none for a row); F is the lambda the macros make of it.
+// A call on the subjects S (none for a row), made by F, the lambda the macros make of it.
 template <typename... S>
-struct Call {
+struct Op {
   template <typename F, typename W>
-  Call(F, const char *c, W w, const char *l = nullptr)
+  Op(F, const char *c, W w, const char *l = nullptr)
       : call(c), run(result_of<F, S...>), want(intptr_t(w)), log(l) {}
   const char *call;
   intptr_t (*run)(S... subject);
   intptr_t want;
   const char *log;  // the trace lines the call writes, where the table checks them
 };
-using Row = Call<>;
-template <typename S>
-using Op = Call<S>;
+using Row = Op<>;
 #define ZEL_BAD_ROW(call, ...) zel_bad_input::Row([] { return call; }, #call, __VA_ARGS__)
 // clang-format off
 #define ZEL_BAD_OP(call, want) {[](auto s) { return call; }, #call, want}
 // clang-format on
 
-// One call under `label`: its result must be `want`, and it must leave nothing allocated.
-void check(const std::string &label, intptr_t want, const std::function<intptr_t()> &call);
-// Each row between `before` and `after` (when given).
-void run_rows(std::span<const Row> rows, void (*before)() = nullptr,
-              void (*after)(const Row &) = nullptr);
-// The rows with the module unregistered, then with both flags on and the host's checks
-// answering "record" and "print", then "don't".
-void run_traced(std::span<const Row> rows, any_module_dt_t &record, const char *module_name,
+template <typename C>
+void check(const std::string &label, intptr_t want, C call) {
+  SCOPED_TRACE(label);
+  const long before = zel_test::fault_live_blocks();
+  EXPECT_EQ(call(), want);
+  EXPECT_EQ(zel_test::fault_live_blocks(), before) << "blocks left allocated";
+}
+
+inline void run_rows(std::span<const Row> rows, void (*before)() = nullptr,
+                     void (*after)(const Row &) = nullptr) {
+  for (const Row &row : rows) {
+    if (before != nullptr) before();
+    check(row.call, row.want, row.run);
+    SCOPED_TRACE(row.call);
+    if (after != nullptr) after(row);
+  }
+}
+
+// The rows unregistered, then with both flags on and the host's checks saying yes, then no.
+void run_traced(std::span<const Row> rows, any_module_dt_t &record, const char *module,
                 void (*before)() = nullptr, void (*after)(const Row &) = nullptr);
 
 template <typename S>

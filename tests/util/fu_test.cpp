@@ -10,15 +10,12 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
-#include <string>
 #include <thread>
 
 #include "support/fault.h"
 
 // The handle's layout is fixed for both word sizes: w(32-bit, 64-bit).
-constexpr size_t w(size_t on32, size_t on64) {
-  return sizeof(void *) == 4 ? on32 : on64;
-}
+constexpr auto w = [](size_t on32, size_t on64) { return sizeof(void *) == 4 ? on32 : on64; };
 static_assert(sizeof(zel_fu_handle_t) == w(44, 72) &&
               offsetof(zel_fu_handle_t, event) == w(12, 16) &&
               offsetof(zel_fu_handle_t, result) == w(16, 24) &&
@@ -28,8 +25,7 @@ static_assert(sizeof(zel_fu_instance_t) == w(8, 16) &&
 
 namespace {
 
-// A dispatch manager and a socket pair whose first end is the message descriptor. The handle,
-// unless the exit path freed it, is destroyed before the manager; nothing may be left allocated.
+// A manager, a socket pair (the first end is the descriptor) and a handle; nothing left allocated.
 struct Loop {
   const long live = zel_test::fault_live_blocks();
   kro_dm_t *dm = nullptr;
