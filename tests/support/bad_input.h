@@ -1,77 +1,65 @@
-// Bad-input tables, one per family in tests/<family>/bad_input_*.cpp. A row (ZEL_BAD_ROW,
-// labelled by its call's text) is one call and its stated result (an integer, a pointer's
-// address, 0 for a void call); the call must leave the live-block count as it found it. An
-// operation (ZEL_BAD_OP) is a call on a subject `s`, run on a list of named subjects.
+// Bad-input tables: rows of calls (ZEL_BAD_ROW) and operations on named subjects (ZEL_BAD_OP),
+// each with its stated result: an integer, a pointer, or 0 for a void call.
 #ifndef ZEL_TESTS_SUPPORT_BAD_INPUT_H_
 #define ZEL_TESTS_SUPPORT_BAD_INPUT_H_
 
 #include <gtest/gtest.h>
 #include <host/module_dt.h>
 
-#include <cstdint>
-#include <functional>
 #include <span>
-#include <string>
-#include <type_traits>
+
+#include "support/fault.h"
 
 namespace zel_bad_input {
 
-// Calls the captureless lambda type F on `a`.
-template <typename F, typename... A>
-intptr_t result_of(A... a) {
-  if constexpr (std::is_void_v<decltype(F{}(a...))>) {
-    return F{}(a...), intptr_t{0};
+template <typename F, typename... S>
+intptr_t result_of(S... s) {
+  if constexpr (std::is_void_v<decltype(F{}(s...))>) {
+    return F{}(s...), intptr_t{0};
   } else {
-    return intptr_t(F{}(a...));
+    return intptr_t(F{}(s...));
   }
 }
 
-struct Row {
-  const char *call;
-  intptr_t (*run)();
-  intptr_t want;
-  const char *log = nullptr;  // the trace lines the call writes, where the table checks them
-};
-template <typename F, typename W>
-Row row(F, const char *call, W want, const char *log = nullptr) {
-  return {call, result_of<F>, intptr_t(want), log};
-}
-#define ZEL_BAD_ROW(call, ...) zel_bad_input::row([] { return call; }, #call, __VA_ARGS__)
-
-template <typename S>
+// A call on the subjects S (none for a row), made by F, the lambda the macros make of it.
+template <typename... S>
 struct Op {
+  template <typename F, typename W>
+  Op(F, const char *c, W w, const char *l = nullptr)
+      : call(c), run(result_of<F, S...>), want(intptr_t(w)), log(l) {}
   const char *call;
-  intptr_t (*run)(S subject);
+  intptr_t (*run)(S... subject);
   intptr_t want;
+  const char *log;  // the trace lines the call writes, where the table checks them
 };
-template <typename F>
-struct AnyOp {  // becomes the Op of the table's subject type
-  const char *call;
-  intptr_t want;
-  template <typename S>
-  operator Op<S>() const {
-    return {call, result_of<F, S>, want};
-  }
-};
-template <typename F, typename W>
-AnyOp<F> op(F, const char *call, W want) {
-  return {call, intptr_t(want)};
+using Row = Op<>;
+#define ZEL_BAD_ROW(call, ...) zel_bad_input::Row([] { return call; }, #call, __VA_ARGS__)
+// clang-format off
+#define ZEL_BAD_OP(call, want) {[](auto s) { return call; }, #call, want}
+// clang-format on
+
+template <typename C>
+void check(const std::string &label, intptr_t want, C call) {
+  SCOPED_TRACE(label);
+  const long before = zel_test::fault_live_blocks();
+  EXPECT_EQ(call(), want);
+  EXPECT_EQ(zel_test::fault_live_blocks(), before) << "blocks left allocated";
 }
-#define ZEL_BAD_OP(call, want) zel_bad_input::op([](auto s) { return call; }, #call, want)
 
-// One call under `label`: its result must be `want` and it must leave nothing allocated.
-void check(const std::string &label, intptr_t want, const std::function<intptr_t()> &call);
+inline void run_rows(std::span<const Row> rows, void (*before)() = nullptr,
+                     void (*after)(const Row &) = nullptr) {
+  for (const Row &row : rows) {
+    if (before != nullptr) before();
+    check(row.call, row.want, row.run);
+    SCOPED_TRACE(row.call);
+    if (after != nullptr) after(row);
+  }
+}
 
-// Runs every row between `before` and `after`, each when given.
-void run_rows(std::span<const Row> rows, void (*before)() = nullptr,
-              void (*after)(const Row &) = nullptr);
-
-// For a traced family: the rows with the module unregistered, then registered with both flags
-// on and the host's checks answering "record" and "print", then answering "don't".
-void run_traced(std::span<const Row> rows, any_module_dt_t &record, const char *module_name,
+// The rows unregistered, then with both flags on and the host's checks saying yes, then no.
+void run_traced(std::span<const Row> rows, any_module_dt_t &record, const char *module,
                 void (*before)() = nullptr, void (*after)(const Row &) = nullptr);
 
-// Each operation on each subject, then `after` when given.
 template <typename S>
 void run_ops(std::initializer_list<std::pair<const char *, S>> subjects, std::span<const Op<S>> ops,
              void (*after)(S subject) = nullptr) {

@@ -9,11 +9,11 @@
 #include <malloc.h>
 
 extern "C" {
-void *__real_malloc(size_t size);            // NOLINT(bugprone-reserved-identifier)
-void *__real_calloc(size_t n, size_t size);  // NOLINT(bugprone-reserved-identifier)
-void *__real_realloc(void *p, size_t size);  // NOLINT(bugprone-reserved-identifier)
-void __real_free(void *p);                   // NOLINT(bugprone-reserved-identifier)
-char *__real_strdup(const char *s);          // NOLINT(bugprone-reserved-identifier)
+void *__real_malloc(size_t size);
+void *__real_calloc(size_t n, size_t size);
+void *__real_realloc(void *p, size_t size);
+void __real_free(void *p);
+char *__real_strdup(const char *s);
 }
 
 namespace {
@@ -24,72 +24,44 @@ thread_local bool fault_hit = false;
 std::atomic<long> fault_live{0};
 std::atomic<void (*)(void *)> fault_free_hook{nullptr};
 
-// True when this allocation is the one to fail.
 bool fault_should_fail() {
-  ++fault_seen;
-  if (fault_nth != 0 && fault_seen == fault_nth) {
-    fault_hit = true;
-    return true;
-  }
-  return false;
+  if (++fault_seen != fault_nth) return false;
+  return fault_hit = true;
+}
+
+// Counts a block the real allocator handed out.
+template <typename T>
+T *counted(T *p) {
+  if (p != nullptr) fault_live.fetch_add(1, std::memory_order_relaxed);
+  return p;
 }
 
 }  // namespace
 
 extern "C" {
 
-void *__wrap_malloc(size_t size) {  // NOLINT(bugprone-reserved-identifier)
-  if (fault_should_fail()) {
-    return nullptr;
-  }
-  void *p = __real_malloc(size);
-  if (p != nullptr) {
-    fault_live.fetch_add(1, std::memory_order_relaxed);
-  }
-  return p;
+void *__wrap_malloc(size_t size) {
+  return fault_should_fail() ? nullptr : counted(__real_malloc(size));
 }
 
-void *__wrap_calloc(size_t n, size_t size) {  // NOLINT(bugprone-reserved-identifier)
-  if (fault_should_fail()) {
-    return nullptr;
-  }
-  void *p = __real_calloc(n, size);
-  if (p != nullptr) {
-    fault_live.fetch_add(1, std::memory_order_relaxed);
-  }
-  return p;
+void *__wrap_calloc(size_t n, size_t size) {
+  return fault_should_fail() ? nullptr : counted(__real_calloc(n, size));
 }
 
-void *__wrap_realloc(void *old, size_t size) {  // NOLINT(bugprone-reserved-identifier)
-  if (fault_should_fail()) {
-    return nullptr;
-  }
-  void *p = __real_realloc(old, size);
-  if (p != nullptr && old == nullptr) {
-    fault_live.fetch_add(1, std::memory_order_relaxed);
-  }
-  return p;
+void *__wrap_realloc(void *old, size_t size) {
+  if (fault_should_fail()) return nullptr;
+  return old != nullptr ? __real_realloc(old, size) : counted(__real_realloc(old, size));
 }
 
-char *__wrap_strdup(const char *s) {  // NOLINT(bugprone-reserved-identifier)
-  if (fault_should_fail()) {
-    return nullptr;
-  }
-  char *p = __real_strdup(s);
-  if (p != nullptr) {
-    fault_live.fetch_add(1, std::memory_order_relaxed);
-  }
-  return p;
+char *__wrap_strdup(const char *s) {
+  return fault_should_fail() ? nullptr : counted(__real_strdup(s));
 }
 
-void __wrap_free(void *p) {  // NOLINT(bugprone-reserved-identifier)
+void __wrap_free(void *p) {
   if (p != nullptr) {
-    if (void (*hook)(void *) = fault_free_hook.load(std::memory_order_acquire)) {
-      hook(p);
-    }
+    if (void (*hook)(void *) = fault_free_hook.load(std::memory_order_acquire)) hook(p);
     fault_live.fetch_sub(1, std::memory_order_relaxed);
-    // Clear the block, so that a read after free goes wrong in every build, not only where a
-    // sanitizer watches: a freed record's pointers are NULL and its flags false.
+    // Cleared, so that a read after free goes wrong in every build, not only under a sanitizer.
     memset(p, 0, malloc_usable_size(p));
   }
   __real_free(p);
@@ -108,15 +80,12 @@ void fault_arm(unsigned nth) {
 void fault_disarm() {
   fault_nth = 0;
 }
-
 bool fault_fired() {
   return fault_hit;
 }
-
 unsigned fault_allocations() {
   return fault_seen;
 }
-
 long fault_live_blocks() {
   return fault_live.load(std::memory_order_relaxed);
 }
