@@ -1,5 +1,5 @@
 // zel_lib_pipe_cmd: pieces and results, a caller without standard streams, allocation failures,
-// an interrupted read and concurrent callers. The children are sh scripts.
+// a failed process creation, an interrupted read and concurrent callers. The children are sh scripts.
 #include <zel/pipe_cmd.h>
 
 #include "support/fault.h"
@@ -7,9 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -127,6 +130,31 @@ TEST_F(PipeCmd, AllocationFailures) {
 
 // Each child lists its descriptors: standard output is the pipe, and the rest are what the
 // caller passes to every child (another call's pipe would show).
+// No child: a seccomp filter fails every way of creating a process on the calling thread. The
+// fixture checks that the pipe's descriptors were closed again.
+TEST_F(PipeCmd, ProcessCreationFails) {
+  const auto op = [](int code, uint32_t k, uint8_t jt = 0) {
+    return sock_filter{static_cast<uint16_t>(code), jt, 0, k};
+  };
+  sock_filter code[] = {op(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_vfork, 4),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_fork, 3),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone, 2),
+                        op(BPF_JMP | BPF_JEQ | BPF_K, SYS_clone3, 1),
+                        op(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+                        op(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAGAIN)};
+  sock_fprog prog{static_cast<unsigned short>(std::size(code)), code};
+  Pieces pieces;
+  testing::internal::CaptureStderr();
+  std::thread([&] {
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog), 0);
+    EXPECT_EQ(run("echo", &pieces), ZEL_PIPE_CMD_ESTART);
+  }).join();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "fork: Resource temporarily unavailable\n");
+  EXPECT_TRUE(pieces.empty());
+}
+
 TEST_F(PipeCmd, ThreadsRunAtOnceAndChildrenHoldOnlyTheirOutput) {
   const std::set<int> passed = open_fds(true);
   std::vector<std::jthread> threads;
