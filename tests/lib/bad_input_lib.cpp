@@ -42,8 +42,8 @@ void left_alone(const zel_bad_input::Row &) {
 }
 
 const zel_bad_input::Row kNameRows[] = {
-    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(nullptr, &g_unnamed), 1),
-    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(g_svc, &g_unnamed), 1),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(nullptr, &g_unnamed), KRO_EXT_HASH_ID_NAME_REFUSED),
+    ZEL_BAD_ROW(kro_ext_hash_id_name_insert(g_svc, &g_unnamed), KRO_EXT_HASH_ID_NAME_REFUSED),
     ZEL_BAD_ROW(kro_ext_hash_id_name_get_by_id(g_svc, 3), nullptr),
     ZEL_BAD_ROW(lib_name_service_insert(nullptr, &g_h, "a", 1), nullptr),
     ZEL_BAD_ROW(lib_name_service_insert(g_svc, &g_h, "owned", 1), nullptr),
@@ -60,6 +60,15 @@ TEST(BadInput, NameTablesAndNameService) {
   zel_bad_input::run_rows(kNameRows, nullptr, left_alone);
   EXPECT_EQ(b->slots->count, 2);
   EXPECT_EQ(lib_name_service_remove(g_svc, g_b | 0xFF00u), &g_value);  // bits 8-15 ignored
+  // The 32-bit ids used up: a new name is refused, a present one still leaves its element alone.
+  g_svc->next_id = 0;
+  kro_ext_hash_id_name_elem_t fresh{}, again{};
+  fresh.name = "fresh";
+  again.name = "owned";
+  again.id = 7;
+  EXPECT_EQ(kro_ext_hash_id_name_insert(g_svc, &fresh), KRO_EXT_HASH_ID_NAME_REFUSED);
+  EXPECT_EQ(kro_ext_hash_id_name_insert(g_svc, &again), 0);
+  EXPECT_EQ(std::tuple(fresh.id, again.id, g_svc->next_id), std::tuple(0u, 7u, 0u));
   ns_test::destroy(g_svc);
 }
 
