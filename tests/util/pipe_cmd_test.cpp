@@ -1,5 +1,6 @@
 // zel_lib_pipe_cmd: pieces and results, a caller without standard streams, allocation failures,
-// a failed process creation, an interrupted read and concurrent callers. The children are sh scripts.
+// a failed process creation, an interrupted read and concurrent callers. The children are sh
+// scripts.
 #include <zel/pipe_cmd.h>
 
 #include "support/fault.h"
