@@ -15,7 +15,8 @@
 // messages per channel, and an upper bound of each queue's length (a send to a full queue gets
 // KRO_DM_EAGAIN only when the bound allows it). The target wraps free (fuzz/targets.cmake):
 // a data message freed by the library must be one the library owns (discarded by the handler
-// after a callback that did not take it, or queued at a channel that was closed).
+// after a callback that did not take it, or queued at a channel that was closed); the library
+// frees those blocks at once, while the target's own frees may stay in this thread's cache.
 //
 // Names stay bound for the whole process (a client on each, on a manager of its own, the
 // "keeper"), so that their ids stay put from one input to the next and kBogus is never handed
@@ -31,6 +32,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_check.h"
+#include "lib/itc_block.h"
 
 extern "C" void __real_free(void *p);  // NOLINT(bugprone-reserved-identifier)
 
@@ -107,6 +109,7 @@ void target_free(uint32_t handle, void *payload) {
   g->target_frees = true;
   ZEL_FUZZ_CHECK(lib_itc_free(handle, payload) == 0);
   g->target_frees = false;
+  g->msgs.erase(hdr_of(payload));  // kept in this thread's cache, the block may not reach free
 }
 void keep_or_free(uint32_t handle, void *payload, bool keep) {
   if (keep && g->kept.size() < 8) {
@@ -371,7 +374,8 @@ void step_all() {
 
 extern "C" void __wrap_free(void *p) {  // NOLINT(bugprone-reserved-identifier)
   if (g != nullptr && p != nullptr) {
-    const auto it = g->msgs.find(static_cast<lib_itc_msg_hdr_t *>(p));
+    const auto it = g->msgs.find(
+        reinterpret_cast<lib_itc_msg_hdr_t *>(static_cast<char *>(p) + lib_itc_block_prefix));
     if (it != g->msgs.end()) {
       ZEL_FUZZ_CHECK(it->second.owner == (g->target_frees ? Owner::app : Owner::library));
       g->msgs.erase(it);

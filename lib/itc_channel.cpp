@@ -19,9 +19,6 @@ struct lib_itc_bound_cache {
   uint64_t unbinds;
   lib_name_service_entry_t *entry;
 };
-// Initial-exec: the hot paths read these once per call; the model costs a load instead of a
-// __tls_get_addr call, and the library needs only these few bytes of static TLS.
-#define LIB_ITC_TLS __attribute__((tls_model("initial-exec")))
 thread_local lib_itc_bound_cache lib_itc_bound_seen LIB_ITC_TLS = {0, 0, nullptr};
 thread_local lib_itc_delivery lib_itc_delivering LIB_ITC_TLS = {0, nullptr};
 
@@ -196,7 +193,7 @@ int lib_itc_channel_retire(lib_itc_channel_t *rec) {
 
 void lib_itc_msg_discard(lib_itc_msg_hdr_t *msg) {
   if (msg->type != lib_itc_msg_wake) {
-    free(msg);
+    lib_itc_block_release(msg);
   }
 }
 

@@ -1,7 +1,5 @@
 // The queue handler: delivers a channel's messages to its callback, one call per message, in
 // one run of the dispatch step.
-#include <cstdlib>
-
 #include "lib/itc_internal.h"
 
 namespace {
@@ -29,7 +27,7 @@ bool lib_itc_deliver(kro_dm_watched_queue_t *queue, uint32_t handle, lib_itc_cha
     }
     if (type == LIB_ITC_MSG_CONNECTED || type == LIB_ITC_MSG_DISCONNECT) {
       rec->callback(handle, type, rec->cookie);
-      free(msg);
+      lib_itc_block_release(msg);
       continue;
     }
     rec->current = msg;
@@ -40,7 +38,7 @@ bool lib_itc_deliver(kro_dm_watched_queue_t *queue, uint32_t handle, lib_itc_cha
       if (type == LIB_ITC_MSG_DATA) {
         lib_itc_queued_leave(rec, msg->length);
       }
-      free(msg);
+      lib_itc_block_release(msg);
     }
   }
 }

@@ -21,6 +21,9 @@
 //   even when a newer channel took its handle. Test: ItcPair.TwoReceivesInOneCallback.
 // - Current and pending messages (itc_handler.cpp, itc_receive.cpp): the documented delivery
 //   rules. Tests: ItcPair.ReceiveMeetingAConnectionEvent..., TwoReceivesInOneCallback.
+// - Message blocks (lib/itc_block.h): data messages come from a cache of the allocating thread
+//   and go back to it in batches, so sender and receiver don't fight over glibc's arena lock.
+//   Bench: bench_itc 1 KiB 1->1 went from 0.65x to about 2x ZeroMQ. Tests: ItcBlock.*.
 // - Admission word (`queued`: data messages and bytes; lib_itc_admit, itc_msg.cpp): one CAS
 //   holds both bounds, so notifications never meet a full queue. Test:
 //   ItcLifetime.ConnectionEventsAreNeverDropped...
@@ -51,6 +54,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "lib/itc_block.h"
 #include "lib/lib_internal.h"
 
 // The message embedded in each record that wakes the queue handler of a closed channel whose

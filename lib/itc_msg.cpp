@@ -1,6 +1,5 @@
 // Data messages: allocation, freeing and sending.
 #include <cstdint>
-#include <cstdlib>
 
 #include "lib/itc_internal.h"
 
@@ -108,11 +107,7 @@ int lib_itc_alloc(uint32_t handle, uint32_t length, void **payload) {
       !lib_itc_id_bound(service, handle)) {
     return LIB_ITC_EINVAL;
   }
-  size_t total = 0;  // header + payload; only a 32-bit size_t can overflow here
-  if (__builtin_add_overflow(sizeof(lib_itc_msg_hdr_t), length, &total)) {
-    return LIB_ITC_ENOMEM;
-  }
-  auto *msg = static_cast<lib_itc_msg_hdr_t *>(malloc(total));
+  lib_itc_msg_hdr_t *msg = lib_itc_block_alloc(length);
   if (msg == nullptr) {
     return LIB_ITC_ENOMEM;
   }
@@ -134,7 +129,7 @@ int lib_itc_free(uint32_t handle, void *payload) {
   if (msg->type != LIB_ITC_MSG_DATA) {
     return LIB_ITC_EINVAL;
   }
-  free(msg);
+  lib_itc_block_free(msg);
   return LIB_ITC_OK;
 }
 

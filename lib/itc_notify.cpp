@@ -2,8 +2,6 @@
 // taking the posting phases in turn.
 #include <pthread.h>
 
-#include <cstdlib>
-
 #include "lib/itc_internal.h"
 #include "trace/trace_point.h"
 
@@ -40,8 +38,7 @@ void lib_itc_ticket_done() {
 }  // namespace
 
 void lib_itc_post_msg(lib_itc_channel_t *rec, uint32_t type, uint32_t handle, uint32_t length) {
-  const size_t size = sizeof(lib_itc_msg_hdr_t) + (type == LIB_ITC_MSG_DATA ? length : 0);
-  auto *msg = static_cast<lib_itc_msg_hdr_t *>(malloc(size));
+  lib_itc_msg_hdr_t *msg = lib_itc_block_alloc_plain(type == LIB_ITC_MSG_DATA ? length : 0);
   if (msg == nullptr) {
     ZEL_TRACE(lib_amdt, ZEL_TRACE_ERROR, LIB_ITC_ENOMEM, "malloc failed\n");
     return;
@@ -52,7 +49,7 @@ void lib_itc_post_msg(lib_itc_channel_t *rec, uint32_t type, uint32_t handle, ui
   msg->length = length;
   const int rc = kro_dm_watched_queue_enqueue(rec->queue, msg);
   if (rc != 0) {
-    free(msg);
+    lib_itc_block_release(msg);
     // A queue being deregistered belongs to a channel that is gone: nobody is left to tell.
     if (rc != KRO_DM_ENOTCONN) {
       ZEL_TRACE(lib_amdt, ZEL_TRACE_ERROR, rc, "kro_dm_watched_queue_enqueue failed\n");

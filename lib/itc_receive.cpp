@@ -1,6 +1,4 @@
 // Taking data messages and connection events out of a channel, on its own thread.
-#include <cstdlib>
-
 #include "lib/itc_internal.h"
 
 namespace {
@@ -85,7 +83,7 @@ int lib_itc_get_connection_event(uint32_t handle, uint32_t *event, uint32_t *cli
   }
   *event = msg->length;
   *client = msg->handle;
-  free(msg);
+  lib_itc_block_release(msg);
   return LIB_ITC_OK;
 }
 

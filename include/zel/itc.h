@@ -46,11 +46,20 @@
  * received, discarded or freed) stay within max_bytes (equal allowed; the sum never wraps) and
  * fewer than queue_len data messages are queued. One compare-and-swap checks and reserves both.
  *
- * Message ownership. A data message is one malloc block, header and payload together. It is the
- * caller's from lib_itc_alloc until a send succeeds (a failed send leaves it the sender's), then
- * the destination queue's until received (then the receiver's) or discarded. Whoever holds it
- * can always give it back with lib_itc_free, whatever became of its channels or name since.
- * Messages still queued at a channel's clean-up are freed.
+ * Message ownership. A data message is one block, header and payload together, the payload
+ * 16-byte aligned. It is the caller's from lib_itc_alloc until a send succeeds (a failed send
+ * leaves it the sender's), then the destination queue's until received (then the receiver's) or
+ * discarded. Whoever holds it can always give it back with lib_itc_free, on any thread, whatever
+ * became of its channels or name since. Messages still queued at a channel's clean-up are freed.
+ *
+ * Message memory. Payloads up to 4096 bytes come from a cache of the allocating thread: a block
+ * freed with lib_itc_free goes back to the thread that allocated it, to be handed out again
+ * without the C allocator. Each thread keeps at most 1 MiB of such blocks, and at most 1 MiB
+ * more waiting to come back to it; a thread that frees other threads' blocks holds up to 32 of
+ * them per owner (a few owners at a time) before it hands them back. A thread's blocks go to
+ * the C allocator when it exits (the rest as they are freed), and when an allocation finds the
+ * C allocator out of memory (then retried once). Bigger payloads, notifications and messages
+ * the library discards go straight to and from the C allocator.
  *
  * Close and clean-up. Close tells the peers, releases the binding and arms a one-shot timer on
  * the channel's own manager; at its next dispatch step, on the own thread, the queue is

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "lib/itc_block.h"
 #include "support/fault.h"
 
 namespace {
@@ -34,9 +35,12 @@ bool soak_ok(long long rc, const char *what) {  // counts and reports a failure;
 }
 
 // Counts the library's frees of blocks still stamped live (the allocator clears freed blocks).
+// The library discards messages straight to the C allocator; a message block starts with the
+// owner word, before the header.
 void soak_free_hook(void *block) {
-  auto *m = static_cast<lib_itc_msg_hdr_t *>(block);
-  g.freed_library += malloc_usable_size(m) >= sizeof *m + sizeof kLive &&
+  auto *m =
+      reinterpret_cast<lib_itc_msg_hdr_t *>(static_cast<char *>(block) + lib_itc_block_prefix);
+  g.freed_library += malloc_usable_size(block) >= lib_itc_block_prefix + sizeof *m + sizeof kLive &&
                      m->type == LIB_ITC_MSG_DATA && std::memcmp(m + 1, &kLive, sizeof kLive) == 0;
 }
 

@@ -2,6 +2,9 @@
 // realloc, free and strdup, so every allocation of the library and the platform stand-in passes
 // through fault.cpp, which can fail the Nth allocation of the calling thread (other threads are
 // never failed) and counts the live blocks, so a test can check that nothing was left allocated.
+// Counting first hands the calling thread's cached message blocks back to the C allocator (the
+// channels keep freed data messages per thread), so that the count is what it would be without
+// that cache.
 #ifndef ZEL_TESTS_SUPPORT_FAULT_H_
 #define ZEL_TESTS_SUPPORT_FAULT_H_
 
