@@ -20,7 +20,9 @@
 // Round trip (time per iteration): one 64-byte message between the benchmark thread and an echo
 // thread and back, each side blocking until it arrives: the channels' client runs its own
 // dispatch manager until the echo is back; ZeroMQ uses two PAIR sockets. The echo forwards the
-// message it received.
+// message it received. Both sides run with their defaults: the dispatch managers spin adaptively
+// before sleeping (KRO_DM_SPIN_DEFAULT_NS, kro/dm.h), ZeroMQ sleeps at once (it has no such
+// setting); the CPU column shows what each side burns per round trip.
 //
 // At exit "ratio:" lines give channels over ZeroMQ per case: messages per second for the streams
 // (above 1: the channels are faster), time per round trip for the round trip (below 1: the

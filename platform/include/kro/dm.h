@@ -124,17 +124,21 @@ uint64_t kro_dm_now(kro_dm_t *dm);
 typedef uint64_t (*kro_dm_clock_fn)(void *arg);
 int kro_dm_set_clock(kro_dm_t *dm, kro_dm_clock_fn clock, void *arg);
 
-/* Spinning before sleeping, off by default. With `spin_ns` set, an owner that finds nothing
- * due spins for up to that many nanoseconds (pause instructions, an occasional sched_yield)
- * watching for a queue to become ready before it sleeps: a message that arrives meanwhile
- * costs neither its sender an eventfd write nor the owner two context switches. The spin is
- * adaptive: it happens only while the owner's last idle gap was shorter than `spin_ns`, and a
- * spin that finds nothing disables it until a sleep turns out short again, so an idle manager
- * sleeps at once. It pays only when sender and receiver each have a core to themselves; on a
- * shared two-core machine the spinner takes the core its peer needs and a ping-pong gets
- * several times slower, hence the default of 0 (no spin). Any thread; takes effect at the
- * owner's next wait. Returns 0, KRO_DM_EINVAL for NULL. */
-#define KRO_DM_SPIN_DEFAULT_NS 0u
+/* Spinning before sleeping, for up to `spin_ns` nanoseconds (default KRO_DM_SPIN_DEFAULT_NS; 0
+ * turns it off). An owner that finds nothing due spins (pause instructions, looking for a ready
+ * queue about once a microsecond, so that a stream still arrives in batches) before it sleeps: a
+ * message that arrives meanwhile costs neither its sender an eventfd write nor the owner two
+ * context switches, which on a virtual machine take tens of microseconds. The spin is adaptive:
+ * - it happens only while the owner's last idle gap was shorter than `spin_ns`, and a spin that
+ *   finds nothing disables it until a sleep turns out short again, so an idle manager, or one
+ *   fed less often than every `spin_ns`, sleeps at once;
+ * - it yields the core every few microseconds, and stops (sleeping instead, and disabled as
+ *   above) when a yield gave the core to another thread: threads outnumber cores, and the spin
+ *   would take the core a sender needs.
+ * The cost is bounded: at most `spin_ns` of CPU per idle period, and only while messages come
+ * closer together than that. Any thread; takes effect at the owner's next wait. Returns 0,
+ * KRO_DM_EINVAL for NULL. */
+#define KRO_DM_SPIN_DEFAULT_NS 50000u
 int kro_dm_set_spin(kro_dm_t *dm, uint32_t spin_ns);
 
 /* Counters since creation. `wakeups` counts eventfd writes (by enqueues, timer operations from
