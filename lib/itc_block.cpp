@@ -355,19 +355,20 @@ void lib_itc_block_free(lib_itc_msg_hdr_t *msg) {
     return;
   }
   lib_itc_block_gather *g = nullptr;
+  lib_itc_block_gather *empty = nullptr;
   for (lib_itc_block_gather &slot : t.gather) {
-    if (slot.to == c || (slot.to == nullptr && g == nullptr)) {
+    if (slot.to == c) {
       g = &slot;
-      if (slot.to == c) {
-        break;
-      }
+      break;
     }
+    empty = empty == nullptr && slot.to == nullptr ? &slot : empty;
   }
   if (g == nullptr) {
-    g = &t.gather[t.victim++ % lib_itc_block_owners];
-    lib_itc_block_flush(*g);
-  }
-  if (g->to == nullptr) {
+    g = empty;
+    if (g == nullptr) {  // gathering for as many owners as it can: hand one batch over
+      g = &t.gather[t.victim++ % lib_itc_block_owners];
+      lib_itc_block_flush(*g);
+    }
     g->to = c;
     lib_itc_block_arm_exit(t);
   }
