@@ -185,6 +185,12 @@ void lib_itc_block_flush(lib_itc_block_gather &g) {
   g = {};
 }
 
+void lib_itc_block_flush_all(lib_itc_block_thread &t) {
+  for (lib_itc_block_gather &g : t.gather) {
+    lib_itc_block_flush(g);
+  }
+}
+
 // A block of the owner's back in its free list, or to the C allocator beyond the bound.
 void lib_itc_block_put(lib_itc_block_cache *c, lib_itc_msg_hdr_t *msg, uintptr_t word) {
   --c->out;
@@ -199,13 +205,9 @@ void lib_itc_block_put(lib_itc_block_cache *c, lib_itc_msg_hdr_t *msg, uintptr_t
   c->bytes += bytes;
 }
 
-// Takes every batch pushed back to the owner's record into its free lists. False when there
-// was none.
-bool lib_itc_block_take_returned(lib_itc_block_cache *c) {
-  if (c->returned.load(std::memory_order_relaxed) == 0) {
-    return false;
-  }
-  uintptr_t top = c->returned.exchange(0, std::memory_order_acquire);
+// Puts every block of a stack of returned batches (`top`, taken by the owner) in the owner's
+// free lists. Returns their payload bytes.
+intptr_t lib_itc_block_put_all(lib_itc_block_cache *c, uintptr_t top) {
   intptr_t bytes = 0;
   // NOLINTNEXTLINE(performance-no-int-to-ptr)
   for (auto *batch = reinterpret_cast<lib_itc_msg_hdr_t *>(top); batch != nullptr;) {
@@ -219,13 +221,23 @@ bool lib_itc_block_take_returned(lib_itc_block_cache *c) {
     }
     batch = next_batch;
   }
-  c->returned_bytes.fetch_sub(bytes, std::memory_order_relaxed);
+  return bytes;
+}
+
+// Takes every batch pushed back to the owner's record into its free lists. False when there
+// was none.
+bool lib_itc_block_take_returned(lib_itc_block_cache *c) {
+  if (c->returned.load(std::memory_order_relaxed) == 0) {
+    return false;
+  }
+  const uintptr_t top = c->returned.exchange(0, std::memory_order_acquire);
+  c->returned_bytes.fetch_sub(lib_itc_block_put_all(c, top), std::memory_order_relaxed);
   return true;
 }
 
-// Frees the owner's free lists and what waits in its stack. True when anything was freed.
-bool lib_itc_block_trim_own(lib_itc_block_cache *c) {
-  bool any = lib_itc_block_take_returned(c);
+// Frees the owner's free lists. True when they held anything.
+bool lib_itc_block_free_lists(lib_itc_block_cache *c) {
+  bool any = false;
   for (lib_itc_msg_hdr_t *&list : c->free_list) {
     while (list != nullptr) {
       lib_itc_msg_hdr_t *next = lib_itc_block_next(list);
@@ -236,6 +248,12 @@ bool lib_itc_block_trim_own(lib_itc_block_cache *c) {
   }
   c->bytes = 0;
   return any;
+}
+
+// Frees the owner's free lists and what waits in its stack. True when anything was freed.
+bool lib_itc_block_trim_own(lib_itc_block_cache *c) {
+  const bool returned = lib_itc_block_take_returned(c);
+  return lib_itc_block_free_lists(c) || returned;
 }
 
 lib_itc_block_cache *lib_itc_block_cache_make(lib_itc_block_thread &t) {
@@ -255,28 +273,17 @@ lib_itc_block_cache *lib_itc_block_cache_make(lib_itc_block_thread &t) {
 
 void lib_itc_block_thread_exit() {
   lib_itc_block_thread &t = lib_itc_blocks;
-  for (lib_itc_block_gather &g : t.gather) {
-    lib_itc_block_flush(g);
-  }
+  lib_itc_block_flush_all(t);
   lib_itc_block_cache *c = t.cache;
   t.cache = nullptr;
   t.exited = true;
   if (c == nullptr) {
     return;
   }
-  lib_itc_block_trim_own(c);
-  const uintptr_t top = c->returned.exchange(lib_itc_block_abandoned, std::memory_order_acq_rel);
-  // NOLINTNEXTLINE(performance-no-int-to-ptr)
-  for (auto *batch = reinterpret_cast<lib_itc_msg_hdr_t *>(top); batch != nullptr;) {
-    lib_itc_msg_hdr_t *next_batch = lib_itc_block_next_batch(batch);
-    for (lib_itc_msg_hdr_t *msg = batch; msg != nullptr;) {
-      lib_itc_msg_hdr_t *next = lib_itc_block_next(msg);
-      free(lib_itc_block_of(msg));
-      --c->out;
-      msg = next;
-    }
-    batch = next_batch;
-  }
+  // Whoever frees one of its blocks from now on frees it to the C allocator.
+  lib_itc_block_put_all(c,
+                        c->returned.exchange(lib_itc_block_abandoned, std::memory_order_acq_rel));
+  lib_itc_block_free_lists(c);
   const auto out = static_cast<intptr_t>(c->out);
   if (c->settle.fetch_add(out, std::memory_order_acq_rel) + out == 0) {
     lib_itc_block_cache_free(c);
@@ -396,9 +403,7 @@ void lib_itc_block_release(lib_itc_msg_hdr_t *msg) {
 
 extern "C" void lib_itc_block_trim(void) {
   lib_itc_block_thread &t = lib_itc_blocks;
-  for (lib_itc_block_gather &g : t.gather) {
-    lib_itc_block_flush(g);
-  }
+  lib_itc_block_flush_all(t);
   if (t.cache != nullptr) {
     lib_itc_block_trim_own(t.cache);
   } else if (!t.exited) {

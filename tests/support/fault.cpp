@@ -8,13 +8,14 @@
 
 #include <malloc.h>
 
+#include "lib/itc_block.h"  // lib_itc_block_trim: see fault.h
+
 extern "C" {
 void *__real_malloc(size_t size);
 void *__real_calloc(size_t n, size_t size);
 void *__real_realloc(void *p, size_t size);
 void __real_free(void *p);
 char *__real_strdup(const char *s);
-void lib_itc_block_trim(void);  // the library's, not exported: see fault.h
 }
 
 namespace {
