@@ -1,11 +1,13 @@
 // Open-addressed table behind kro_hashset_* and kro_hashmap_*.
 //
-// The table is an array of slots, each the element's 32-bit hash beside its pointer, probed
-// linearly from the first slot of the group of four (one cache line on 64-bit targets) that the
-// hash names. A lookup compares the four hashes of a group without branching on each and reads
-// an element only when its hash is equal, so its one cache miss on the slots and its one on the
-// element are all it waits for, its branches follow the usual outcome (found in the home group)
-// and back-to-back lookups overlap their misses. Growth moves slots and reads no element.
+// The slots come in groups of four, one cache line each on 64-bit targets (half a line on 32-bit
+// ones): the four members' 32-bit hashes side by side, then their four pointers. A hash names its
+// home group, and probes go on linearly, slot by slot, from that group's first slot. A lookup
+// compares the home group's four hashes in one vector compare and reads an element only when its
+// hash is equal, so it waits for one cache miss on the slots and one on the element. Its hot path
+// is kept to a few dozen instructions with the usual outcome (found in the home group) falling
+// through: back-to-back lookups then fit more of themselves in the processor's window and overlap
+// their misses. Growth moves slots and reads no element.
 //
 // Equal hashes (hence equal keys) stay newest-first along the probe sequence: an insertion
 // rotates the new element in front of those of its hash, deletion shifts later slots back in
@@ -16,7 +18,9 @@
 // (no allocation), newest first; while the list is not empty every insertion goes there and
 // retries the growth first, which then moves the whole list into the table. So a failed growth
 // is never an insertion failure and the newest equal key is still found first (the list is
-// searched before the table).
+// searched before the table). While the list holds elements, the hot path probes a constant
+// detour group instead of the slots, which always sends it on to the full search: so the hot path
+// does not test for the list.
 //
 // The link of a table element holds the slot it was last seen in: a hint that lets iteration
 // step on without calling back, checked against the slot array before use. Overflow elements
@@ -32,45 +36,65 @@
 
 namespace {
 
+constexpr uint32_t kro_group = 4;  // slots per group; probes start at a group's first slot
 constexpr uint32_t kro_table_min_slots = 16;
 constexpr uint32_t kro_table_max_slots = 1U << 30;
-constexpr uint32_t kro_group = 4;  // slots per group; probes start at a group's first slot
 
-struct kro_slot {
-  uint32_t hash;
-  void *elem;  // NULL: empty
+// A power of two: the group's size rounded up, so that no group straddles a cache line.
+constexpr size_t kro_group_align = sizeof(void *) == 8 ? 64 : 32;
+
+struct alignas(kro_group_align) kro_slot_group {
+  uint32_t hash[kro_group];
+  void *elem[kro_group];  // NULL: empty (its hash is then stale)
 };
 
-constexpr size_t kro_group_bytes = kro_group * sizeof(kro_slot);
+static_assert(sizeof(kro_slot_group) == kro_group_align, "one group per line (or half line)");
 
-// The first slot of h's probe sequence.
-inline uint32_t kro_home(uint32_t h, uint32_t mask) {
-  return h & mask & ~(kro_group - 1);
-}
+// The group the hot path probes while the overflow list holds elements: hash 0 meets a lane
+// without an element first, any other hash meets no lane beside a full last lane, and the hot
+// path sends both on to the full search. Its last element is never read.
+const kro_slot_group kro_detour = {
+    {0, 0, 0, 0}, {nullptr, nullptr, nullptr, const_cast<kro_slot_group *>(&kro_detour)}};
 
-// n zeroed slots aligned on a group (one allocation, over-allocated by a group); *block gets
-// what to free. NULL when the allocation fails.
-kro_slot *kro_slots_alloc(uint32_t n, void **block) {
-  void *raw = calloc(static_cast<size_t>(n) + kro_group, sizeof(kro_slot));
+// n zeroed slots (a whole number of groups) aligned on a group; *block gets what to free. NULL
+// when the allocation fails.
+kro_slot_group *kro_groups_alloc(uint32_t n, void **block) {
+  void *raw = calloc(n / kro_group + 1, sizeof(kro_slot_group));
   if (raw == nullptr) {
     return nullptr;
   }
   *block = raw;
   const size_t skip =
-      (kro_group_bytes - reinterpret_cast<uintptr_t>(raw) % kro_group_bytes) % kro_group_bytes;
-  return reinterpret_cast<kro_slot *>(static_cast<char *>(raw) + skip);
+      (kro_group_align - reinterpret_cast<uintptr_t>(raw) % kro_group_align) % kro_group_align;
+  return reinterpret_cast<kro_slot_group *>(static_cast<char *>(raw) + skip);
 }
 
 struct kro_table {
-  kro_slot *slots;
-  void *block;        // the allocation that holds the slots
-  uint32_t mask;      // slot count - 1 (a power of two minus one)
+  // What the hot path reads: the groups and the group mask, or the detour and 0.
+  const kro_slot_group *probe;
+  uint32_t probe_mask;
+  uint32_t mask;  // slot count - 1 (a power of two minus one)
+  kro_slot_group *groups;
+  void *block;        // the allocation that holds the groups
   uint32_t limit;     // elements the slots take before they grow: three quarters
   uint32_t in_slots;  // elements in the slots
   uint32_t count;     // all linked elements, overflow list included
   void *overflow;     // newest first, chained through the links' `next`
   size_t link_offset;
+
+  uint32_t &hash_at(uint32_t i) const { return groups[i / kro_group].hash[i % kro_group]; }
+  void *&elem_at(uint32_t i) const { return groups[i / kro_group].elem[i % kro_group]; }
+  // The hot path's view, after the overflow list changed or the groups moved.
+  void reprobe() {
+    probe = overflow != nullptr ? &kro_detour : groups;
+    probe_mask = overflow != nullptr ? 0 : mask / kro_group;
+  }
 };
+
+// The first slot of h's probe sequence: the first slot of the group that h's low bits name.
+inline uint32_t kro_home(uint32_t h, uint32_t mask) {
+  return (h * kro_group) & mask;
+}
 
 inline kro_hashset_link_t *kro_table_link(const kro_table &t, const void *elem) {
   return reinterpret_cast<kro_hashset_link_t *>(static_cast<char *>(const_cast<void *>(elem)) +
@@ -89,8 +113,8 @@ uint32_t kro_table_slots_for(uint32_t n) {
 
 bool kro_table_init(kro_table &t, uint32_t hint, size_t link_offset) {
   const uint32_t n = kro_table_slots_for(hint);
-  t.slots = kro_slots_alloc(n, &t.block);
-  if (t.slots == nullptr) {
+  t.groups = kro_groups_alloc(n, &t.block);
+  if (t.groups == nullptr) {
     return false;
   }
   t.mask = n - 1;
@@ -99,18 +123,19 @@ bool kro_table_init(kro_table &t, uint32_t hint, size_t link_offset) {
   t.count = 0;
   t.overflow = nullptr;
   t.link_offset = link_offset;
+  t.reprobe();
   return true;
 }
 
 // Puts (h, elem) in the first empty slot of h's probe sequence: behind every element already
 // there, so callers add equal hashes newest first.
-inline uint32_t kro_table_append(kro_slot *slots, uint32_t mask, uint32_t h, void *elem) {
-  uint32_t i = kro_home(h, mask);
-  while (slots[i].elem != nullptr) {
-    i = (i + 1) & mask;
+inline uint32_t kro_table_append(const kro_table &t, uint32_t h, void *elem) {
+  uint32_t i = kro_home(h, t.mask);
+  while (t.elem_at(i) != nullptr) {
+    i = (i + 1) & t.mask;
   }
-  slots[i].hash = h;
-  slots[i].elem = elem;
+  t.hash_at(i) = h;
+  t.elem_at(i) = elem;
   return i;
 }
 
@@ -119,36 +144,35 @@ inline uint32_t kro_table_append(kro_slot *slots, uint32_t mask, uint32_t h, voi
 // equal hashes is cut where the array wraps around. False, with nothing changed, when the slots
 // cannot be allocated.
 bool kro_table_rebuild(kro_table &t, uint32_t n) {
-  void *block = nullptr;
-  kro_slot *slots = kro_slots_alloc(n, &block);
-  if (slots == nullptr) {
+  kro_table to = t;
+  to.groups = kro_groups_alloc(n, &to.block);
+  if (to.groups == nullptr) {
     return false;
   }
-  const uint32_t mask = n - 1;
+  to.mask = n - 1;
   for (void *e = t.overflow; e != nullptr;) {
     kro_hashset_link_t *l = kro_table_link(t, e);
     void *next = l->next;
-    kro_table_append(slots, mask, static_cast<uint32_t>(l->aux), e);
+    kro_table_append(to, static_cast<uint32_t>(l->aux), e);
     l->next = nullptr;
     e = next;
   }
   uint32_t start = 0;
-  while (t.slots[start].elem != nullptr) {  // the slots are never all taken
+  while (t.elem_at(start) != nullptr) {  // the slots are never all taken
     ++start;
   }
   for (uint32_t k = 1; k <= t.mask; ++k) {
-    const kro_slot &s = t.slots[(start + k) & t.mask];
-    if (s.elem != nullptr) {
-      kro_table_append(slots, mask, s.hash, s.elem);
+    const uint32_t i = (start + k) & t.mask;
+    if (t.elem_at(i) != nullptr) {
+      kro_table_append(to, t.hash_at(i), t.elem_at(i));
     }
   }
   free(t.block);
-  t.slots = slots;
-  t.block = block;
-  t.mask = mask;
-  t.limit = n / 4 * 3;
-  t.in_slots = t.count;
-  t.overflow = nullptr;
+  to.limit = n / 4 * 3;
+  to.in_slots = t.count;
+  to.overflow = nullptr;
+  to.reprobe();
+  t = to;
   return true;
 }
 
@@ -169,13 +193,18 @@ bool kro_table_find(const kro_table &t, uint32_t h, Pred pred, kro_place &at) {
     }
     pp = &l->next;
   }
-  for (uint32_t i = kro_home(h, t.mask); t.slots[i].elem != nullptr; i = (i + 1) & t.mask) {
-    if (t.slots[i].hash == h && pred(t.slots[i].elem)) {
+  for (uint32_t i = kro_home(h, t.mask); t.elem_at(i) != nullptr; i = (i + 1) & t.mask) {
+    if (t.hash_at(i) == h && pred(t.elem_at(i))) {
       at = kro_place{i, nullptr};
       return true;
     }
   }
   return false;
+}
+
+// The element at a place found by kro_table_find.
+inline void *kro_table_at(const kro_table &t, const kro_place &at) {
+  return at.prev != nullptr ? *at.prev : t.elem_at(at.slot);
 }
 
 // Links elem, known not to be linked, with hash h.
@@ -187,25 +216,27 @@ void kro_table_add(kro_table &t, void *elem, uint32_t h) {
     l->next = t.overflow;
     l->aux = h;
     t.overflow = elem;
+    t.reprobe();
     ++t.count;
     return;
   }
   // Into the first empty slot, then rotated in front of the elements of the same hash on the
   // way there: each moves on to the next such slot, the last to the empty one.
   uint32_t i = kro_home(h, t.mask);
-  kro_slot carry{h, elem};
+  void *carry = elem;
   uint32_t at = t.mask + 1;
-  for (; t.slots[i].elem != nullptr; i = (i + 1) & t.mask) {
-    if (t.slots[i].hash == h) {
-      const kro_slot moved = t.slots[i];
-      t.slots[i] = carry;
+  for (; t.elem_at(i) != nullptr; i = (i + 1) & t.mask) {
+    if (t.hash_at(i) == h) {
+      void *const moved = t.elem_at(i);
+      t.elem_at(i) = carry;
       carry = moved;
       if (at > t.mask) {
         at = i;
       }
     }
   }
-  t.slots[i] = carry;
+  t.hash_at(i) = h;
+  t.elem_at(i) = carry;
   l->next = nullptr;
   l->aux = at > t.mask ? i : at;
   ++t.in_slots;
@@ -221,20 +252,22 @@ void *kro_table_unlink(kro_table &t, const kro_place &at) {
     kro_hashset_link_t *l = kro_table_link(t, elem);
     *at.prev = l->next;
     l->next = nullptr;
+    t.reprobe();
   } else {
     uint32_t hole = at.slot;
-    elem = t.slots[hole].elem;
-    for (uint32_t j = (hole + 1) & t.mask; t.slots[j].elem != nullptr; j = (j + 1) & t.mask) {
+    elem = t.elem_at(hole);
+    for (uint32_t j = (hole + 1) & t.mask; t.elem_at(j) != nullptr; j = (j + 1) & t.mask) {
       // The element at j may fill the hole when its home is not in (hole, j], cyclically.
-      const uint32_t home = kro_home(t.slots[j].hash, t.mask);
+      const uint32_t home = kro_home(t.hash_at(j), t.mask);
       const bool home_after_hole =
           hole <= j ? (home > hole && home <= j) : (home > hole || home <= j);
       if (!home_after_hole) {
-        t.slots[hole] = t.slots[j];
+        t.hash_at(hole) = t.hash_at(j);
+        t.elem_at(hole) = t.elem_at(j);
         hole = j;
       }
     }
-    t.slots[hole].elem = nullptr;
+    t.elem_at(hole) = nullptr;
     --t.in_slots;
   }
   --t.count;
@@ -245,9 +278,9 @@ void *kro_table_unlink(kro_table &t, const kro_place &at) {
 // slots); its link's slot hint is refreshed so that kro_hashset_next needs no call back.
 void *kro_table_first_from(const kro_table &t, uint32_t i) {
   for (; i <= t.mask; ++i) {
-    if (t.slots[i].elem != nullptr) {
-      kro_table_link(t, t.slots[i].elem)->aux = i;
-      return t.slots[i].elem;
+    if (t.elem_at(i) != nullptr) {
+      kro_table_link(t, t.elem_at(i))->aux = i;
+      return t.elem_at(i);
     }
   }
   return nullptr;
@@ -258,7 +291,7 @@ void *kro_table_first_from(const kro_table &t, uint32_t i) {
 template <typename Hash>
 void *kro_table_next(const kro_table &t, const void *elem, Hash hash) {
   const kro_hashset_link_t *l = kro_table_link(t, elem);
-  if (l->aux <= t.mask && t.slots[l->aux].elem == elem) {
+  if (l->aux <= t.mask && t.elem_at(static_cast<uint32_t>(l->aux)) == elem) {
     return kro_table_first_from(t, static_cast<uint32_t>(l->aux) + 1);
   }
   for (void *e = t.overflow; e != nullptr; e = kro_table_link(t, e)->next) {
@@ -274,53 +307,45 @@ void *kro_table_next(const kro_table &t, const void *elem, Hash hash) {
   return kro_table_first_from(t, at.slot + 1);
 }
 
-// A lookup past what kro_hashset_get tried: on the overflow list and then the slots when the
-// list holds elements, else the slots past the home group's first candidate.
-__attribute__((noinline)) void *kro_table_get_rest(const kro_table &t, kro_hashset_match_fn match,
-                                                   const void *key, uint32_t h);
-
-// Bit k set when slot k of the group at s holds hash h.
-inline unsigned kro_group_candidates(const kro_slot *s, uint32_t h) {
+// Bit k set when lane k of group g holds hash h (its element may be gone).
+inline unsigned kro_group_candidates(const kro_slot_group *g, uint32_t h) {
 #if defined(__SSE2__)
-  static_assert(sizeof(kro_slot) == 16 && offsetof(kro_slot, hash) == 0, "slot layout");
-  const __m128i a = _mm_load_si128(reinterpret_cast<const __m128i *>(s));
-  const __m128i b = _mm_load_si128(reinterpret_cast<const __m128i *>(s + 1));
-  const __m128i c = _mm_load_si128(reinterpret_cast<const __m128i *>(s + 2));
-  const __m128i d = _mm_load_si128(reinterpret_cast<const __m128i *>(s + 3));
-  const __m128i hashes = _mm_unpacklo_epi64(_mm_unpacklo_epi32(a, b), _mm_unpacklo_epi32(c, d));
+  const __m128i hashes = _mm_load_si128(reinterpret_cast<const __m128i *>(g->hash));
   const __m128i eq = _mm_cmpeq_epi32(hashes, _mm_set1_epi32(static_cast<int>(h)));
   return static_cast<unsigned>(_mm_movemask_ps(_mm_castsi128_ps(eq)));
 #else
-  return static_cast<unsigned>(s[0].hash == h) | static_cast<unsigned>(s[1].hash == h) << 1 |
-         static_cast<unsigned>(s[2].hash == h) << 2 | static_cast<unsigned>(s[3].hash == h) << 3;
+  return static_cast<unsigned>(g->hash[0] == h) | static_cast<unsigned>(g->hash[1] == h) << 1 |
+         static_cast<unsigned>(g->hash[2] == h) << 2 | static_cast<unsigned>(g->hash[3] == h) << 3;
 #endif
 }
 
-void *kro_table_get_rest(const kro_table &t, kro_hashset_match_fn match, const void *key,
-                         uint32_t h) {
+// A lookup past what kro_hashset_get tried: on the overflow list and then the slots when the
+// list holds elements, else the slots past the home group's first candidate. `h` is the key's
+// hash.
+__attribute__((noinline)) void *kro_table_get_rest(const kro_table &t, kro_hashset_match_fn match,
+                                                   const void *key, uint32_t h) {
   if (t.overflow != nullptr) {
     kro_place at{};
-    if (!kro_table_find(
-            t, h, [match, key](const void *e) { return match(e, key) != 0; }, at)) {
-      return nullptr;
-    }
-    return at.prev != nullptr ? *at.prev : t.slots[at.slot].elem;
+    return kro_table_find(
+               t, h, [match, key](const void *e) { return match(e, key) != 0; }, at)
+               ? kro_table_at(t, at)
+               : nullptr;
   }
   bool home = true;
-  for (uint32_t g = kro_home(h, t.mask);; g = (g + kro_group) & t.mask) {
-    const kro_slot *s = t.slots + g;
+  for (uint32_t g = kro_home(h, t.mask) / kro_group;; g = (g + 1) & (t.mask / kro_group)) {
+    const kro_slot_group *s = t.groups + g;
     unsigned cand = kro_group_candidates(s, h);
     if (home && cand != 0) {
-      cand &= cand - 1;  // the candidate kro_hashset_get matched already
+      cand &= cand - 1;  // the candidate kro_hashset_get tried already
     }
     home = false;
     for (; cand != 0; cand &= cand - 1) {
-      void *e = s[__builtin_ctz(cand)].elem;
+      void *e = s->elem[__builtin_ctz(cand)];
       if (e != nullptr && match(e, key) != 0) {
         return e;
       }
     }
-    if (s[kro_group - 1].elem == nullptr) {
+    if (s->elem[kro_group - 1] == nullptr) {
       return nullptr;
     }
   }
@@ -388,16 +413,17 @@ int kro_hashset_insert(kro_hashset_t *set, void *elem) {
     // it) and no other element has its hash, so it goes into the first empty slot as it is.
     bool same_hash = false;
     uint32_t i = kro_home(h, t.mask);
-    for (; t.slots[i].elem != nullptr; i = (i + 1) & t.mask) {
-      if (t.slots[i].hash == h) {
-        if (t.slots[i].elem == elem) {
+    for (; t.elem_at(i) != nullptr; i = (i + 1) & t.mask) {
+      if (t.hash_at(i) == h) {
+        if (t.elem_at(i) == elem) {
           return KRO_HASHSET_EEXIST;
         }
         same_hash = true;
       }
     }
     if (!same_hash) {
-      t.slots[i] = kro_slot{h, elem};
+      t.hash_at(i) = h;
+      t.elem_at(i) = elem;
       kro_hashset_link_t *l = kro_table_link(t, elem);
       l->next = nullptr;
       l->aux = i;
@@ -438,19 +464,18 @@ void *kro_hashset_get(kro_hashset_t *set, const void *key) {
   }
   const uint32_t h = set->hash(key);
   const kro_table &t = set->table;
-  if (t.overflow == nullptr) {
-    const kro_slot *s = t.slots + kro_home(h, t.mask);
-    const unsigned cand = kro_group_candidates(s, h);
-    if (cand != 0) {
-      void *e = s[__builtin_ctz(cand)].elem;  // NULL: a stale hash in an emptied slot
-      if (e != nullptr && set->match(e, key) != 0) {
-        return e;
-      }
-    } else if (s[kro_group - 1].elem == nullptr) {
-      return nullptr;
+  const kro_slot_group *g = t.probe + (h & t.probe_mask);
+  const unsigned cand = kro_group_candidates(g, h);
+  if (__builtin_expect(cand != 0, 1)) {
+    void *const *at = &g->elem[__builtin_ctz(cand)];
+    if (__builtin_expect(*at != nullptr, 1) &&  // NULL: a stale hash in an emptied slot
+        __builtin_expect(set->match(*at, key) != 0, 1)) {
+      return *at;
     }
+  } else if (g->elem[kro_group - 1] == nullptr) {
+    return nullptr;
   }
-  return kro_table_get_rest(set->table, set->match, key, h);
+  return kro_table_get_rest(t, set->match, key, h);
 }
 
 void *kro_hashset_first(kro_hashset_t *set) {
@@ -503,7 +528,7 @@ void kro_hashmap_free(kro_hashmap_t **map) {
     e = next;
   }
   for (uint32_t i = 0; i <= t.mask; ++i) {
-    free(t.slots[i].elem);
+    free(t.elem_at(i));
   }
   free(t.block);
   free(*map);
@@ -573,8 +598,7 @@ kro_hashmap_pair_t *kro_hashmap_get(kro_hashmap_t *map, const void *key) {
           at)) {
     return nullptr;
   }
-  return static_cast<kro_hashmap_pair_t *>(at.prev != nullptr ? *at.prev
-                                                              : map->table.slots[at.slot].elem);
+  return static_cast<kro_hashmap_pair_t *>(kro_table_at(map->table, at));
 }
 
 void *kro_hashmap_value(const kro_hashmap_pair_t *pair) {
