@@ -1,10 +1,12 @@
 // kro_hash_calculate: a multiply-mix byte hash for the hash tables.
 //
-// Four-byte keys (ids) go straight to a full-avalanche finaliser, without the length dispatch.
-// Other keys are mixed by a step that multiplies two 64-bit words into 128 bits and xors the
-// halves: keys of up to 16 bytes in one step with their length, longer keys (names) one step
-// per 16 bytes and one for the last 16; then the same finaliser. The result does not depend on
-// the word size: 32-bit targets form the same 128-bit product from 32-bit multiplies.
+// Four-byte keys (ids), the tables' hottest, take one step of the mix below folded to 32 bits:
+// a single multiply. The fewer instructions a lookup spends on its hash, the more lookups in a
+// row overlap their cache misses. Other keys are mixed by a step that multiplies two 64-bit words
+// into 128 bits and xors the halves: keys of up to 16 bytes in one step with their length, longer
+// keys (names) one step per 16 bytes and one for the last 16; then a full-avalanche finaliser.
+// The result does not depend on the word size: 32-bit targets form the same 128-bit product from
+// 32-bit multiplies.
 #include <kro/hashset.h>
 
 #include <cstring>
@@ -62,8 +64,10 @@ inline uint32_t kro_hash_final(uint64_t h) {
 
 extern "C" uint32_t kro_hash_calculate(const void *data, size_t len) {
   const auto *p = static_cast<const unsigned char *>(data);
-  if (len == 4 && p != nullptr) {  // the common id key, straight through
-    return kro_hash_final(kro_hash_load32(p) ^ kro_hash_k1 ^ 4);
+  if (len == 4 && p != nullptr) {  // the common id key, one multiply
+    const uint64_t h =
+        kro_hash_mix(kro_hash_load32(p) ^ kro_hash_k2, (kro_hash_k1 ^ kro_hash_k3 ^ 4) | 1);
+    return static_cast<uint32_t>(h ^ (h >> 32));
   }
   if (p == nullptr) {
     len = 0;
