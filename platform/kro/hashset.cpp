@@ -129,7 +129,7 @@ bool kro_table_init(kro_table &t, uint32_t hint, size_t link_offset) {
 
 // Puts (h, elem) in the first empty slot of h's probe sequence: behind every element already
 // there, so callers add equal hashes newest first.
-inline uint32_t kro_table_append(const kro_table &t, uint32_t h, void *elem) {
+inline uint32_t kro_table_append(kro_table &t, uint32_t h, void *elem) {
   uint32_t i = kro_home(h, t.mask);
   while (t.elem_at(i) != nullptr) {
     i = (i + 1) & t.mask;
