@@ -290,6 +290,12 @@ void lib_itc_block_thread_exit() {
   }
 }
 
+// Writes a fresh block's prefix word (its owner and class; 0: a plain block) and gives its message.
+lib_itc_msg_hdr_t *lib_itc_block_stamp(void *block, uintptr_t word) {
+  memcpy(block, &word, sizeof word);
+  return lib_itc_block_msg(block);
+}
+
 lib_itc_msg_hdr_t *lib_itc_block_fresh(lib_itc_block_cache *c, uint32_t cls) {
   const size_t size = lib_itc_block_prefix + sizeof(lib_itc_msg_hdr_t) + lib_itc_block_size[cls];
   void *block = malloc(size);
@@ -299,9 +305,7 @@ lib_itc_msg_hdr_t *lib_itc_block_fresh(lib_itc_block_cache *c, uint32_t cls) {
   if (block == nullptr) {
     return nullptr;
   }
-  const uintptr_t word = reinterpret_cast<uintptr_t>(c) | cls;
-  memcpy(block, &word, sizeof word);
-  return lib_itc_block_msg(block);
+  return lib_itc_block_stamp(block, reinterpret_cast<uintptr_t>(c) | cls);
 }
 
 }  // namespace
@@ -315,9 +319,7 @@ lib_itc_msg_hdr_t *lib_itc_block_alloc_plain(size_t length) {
   if (block == nullptr) {
     return nullptr;
   }
-  const uintptr_t word = 0;
-  memcpy(block, &word, sizeof word);
-  return lib_itc_block_msg(block);
+  return lib_itc_block_stamp(block, 0);
 }
 
 lib_itc_msg_hdr_t *lib_itc_block_alloc(uint32_t length) {
@@ -356,8 +358,8 @@ void lib_itc_block_free(lib_itc_msg_hdr_t *msg) {
     lib_itc_block_put(c, msg, word);
     return;
   }
-  msg->link = nullptr;
   if (t.exited) {
+    msg->link = nullptr;
     lib_itc_block_push(c, msg, 1, lib_itc_block_bytes(word));
     return;
   }
