@@ -382,11 +382,11 @@ void zel_fuzz_service_op(zel_fuzz_service &s, uint8_t kind, zel_fuzz_input &in, 
       if (s.held.empty() || (arg & 0x80) != 0) {
         h = zel_fuzz_some_id(s.m, in.byte()) << 16 | in.byte();
       } else {
-        const size_t pick = in.byte() % s.held.size();
-        h = s.held[pick];
-        s.held[pick] = s.held.back();
-        s.held.pop_back();
+        h = s.held[in.byte() % s.held.size()];
       }
+      // Every copy goes: a shared slot bound and left empty is handed out again, so `held` may
+      // hold a handle twice, and a stale copy would let case 6 store into a released slot.
+      std::erase(s.held, h);
       void *got;
       {
         ZelFuzzFault fault(nth);
